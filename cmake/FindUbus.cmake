@@ -1,0 +1,21 @@
+# libubus ships no package files. Targets: Ubus::ubus, Ubus::daemon, and Ubus::program where installed.
+# Override with Ubus_INCLUDE_DIR, Ubus_LIBRARY, Ubus_DAEMON, Ubus_PROGRAM.
+find_path(Ubus_INCLUDE_DIR libubus.h)
+find_library(Ubus_LIBRARY ubus)
+find_program(Ubus_DAEMON ubusd PATH_SUFFIXES sbin)
+find_program(Ubus_PROGRAM ubus)
+mark_as_advanced(Ubus_INCLUDE_DIR Ubus_LIBRARY Ubus_DAEMON Ubus_PROGRAM)
+include(FindPackageHandleStandardArgs)
+find_package_handle_standard_args(Ubus REQUIRED_VARS Ubus_LIBRARY Ubus_INCLUDE_DIR)
+if(Ubus_FOUND AND NOT TARGET Ubus::ubus)
+  add_library(Ubus::ubus SHARED IMPORTED)
+  set_target_properties(Ubus::ubus PROPERTIES IMPORTED_LOCATION "${Ubus_LIBRARY}" IMPORTED_NO_SONAME TRUE
+    INTERFACE_INCLUDE_DIRECTORIES "${Ubus_INCLUDE_DIR}" INTERFACE_LINK_LIBRARIES Ubox::ubox)
+  foreach(name DAEMON PROGRAM)
+    if(Ubus_${name})
+      string(TOLOWER ${name} target)
+      add_executable(Ubus::${target} IMPORTED)
+      set_target_properties(Ubus::${target} PROPERTIES IMPORTED_LOCATION "${Ubus_${name}}")
+    endif()
+  endforeach()
+endif()
