@@ -5,6 +5,10 @@
 
 namespace tavrik::sim {
 
+// The private control socket (SOCK_STREAM) speaks lines of JSON, a request and its reply at a time:
+//   {"verb": "state", "args": {…}}      ->  {"result": {…}}  or  {"error": "what was wrong"}
+// "args" may be missing. A client may send several requests on one connection; replies come in their order.
+
 // A FIFO of the sandbox, held open for reading and writing so that a writer never blocks or fails: /dev/kmsg, and one
 // to which stand-ins such as `reboot` write their command line. Each line that arrives is recorded under `kind`.
 struct Tap {
