@@ -1,0 +1,228 @@
+#include "ubus/bus.h"
+
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+
+#include "tavrik_sdk.h"
+#include "ubus/host_signals.h"
+
+namespace tavrik {
+namespace {
+
+struct {
+    Mutex mutex;
+    pthread_cond_t released;
+    pthread_t owner;
+    unsigned depth;   // how often the owner has taken it, 0 when free
+    unsigned waiting; // threads in the wait below
+    sigset_t mask;    // the owner's signal mask before SIGPIPE was blocked
+    bool pipe_was_pending;
+} g_lock;
+
+// The one guarded socket: only the thread that holds the lock can have one.
+struct {
+    Mutex mutex;
+    pthread_cond_t changed;
+    bool running;
+    int socket = -1;
+    bool fired;
+    int64_t at_ms;          // when the guarded socket is shut down
+    int64_t asleep_till_ms; // the thread looks again then, at the latest
+} g_watchdog;
+
+pthread_once_t g_once = PTHREAD_ONCE_INIT;
+
+void make_conditions() {
+    pthread_condattr_t monotonic;
+    pthread_condattr_init(&monotonic);
+    pthread_condattr_setclock(&monotonic, CLOCK_MONOTONIC);
+    pthread_cond_init(&g_lock.released, &monotonic);
+    pthread_cond_init(&g_watchdog.changed, &monotonic);
+    pthread_condattr_destroy(&monotonic);
+}
+
+// A child after fork has neither the watchdog nor the thread that may have held the lock.
+void after_fork() {
+    g_lock.mutex = Mutex();
+    g_lock.depth = 0;
+    g_lock.waiting = 0;
+    g_watchdog.mutex = Mutex();
+    g_watchdog.running = false;
+    g_watchdog.socket = -1;
+    make_conditions();
+}
+
+void set_up() {
+    make_conditions();
+    pthread_atfork(nullptr, nullptr, after_fork);
+}
+
+bool pipe_pending() {
+    sigset_t pending;
+    return !sigpending(&pending) && sigismember(&pending, SIGPIPE) == 1;
+}
+
+bool acquire(Deadline deadline) {
+    pthread_once(&g_once, set_up);
+    {
+        Lock lock(g_lock.mutex);
+        if (g_lock.depth && pthread_equal(g_lock.owner, pthread_self())) {
+            g_lock.depth++;
+            return true;
+        }
+        while (g_lock.depth) {
+            g_lock.waiting++;
+            const timespec until = deadline.is_never() ? timespec{} : deadline.as_timespec();
+            const int result = deadline.is_never()
+                                   ? pthread_cond_wait(&g_lock.released, g_lock.mutex.native())
+                                   : pthread_cond_timedwait(&g_lock.released, g_lock.mutex.native(), &until);
+            g_lock.waiting--;
+            if (result == ETIMEDOUT && g_lock.depth)
+                return false;
+        }
+        g_lock.depth = 1;
+        g_lock.owner = pthread_self();
+    }
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, &g_lock.mask);
+    g_lock.pipe_was_pending = sigismember(&g_lock.mask, SIGPIPE) == 1 && pipe_pending();
+    mend_host_signals();
+    return true;
+}
+
+void release() {
+    if (g_lock.depth == 1) { // only the owner gets here, so this needs no lock
+        if (!g_lock.pipe_was_pending && pipe_pending()) {
+            sigset_t pipe;
+            sigemptyset(&pipe);
+            sigaddset(&pipe, SIGPIPE);
+            const timespec now = {};
+            while (sigtimedwait(&pipe, nullptr, &now) < 0 && errno == EINTR) {
+            }
+        }
+        const sigset_t mask = g_lock.mask;
+        {
+            Lock lock(g_lock.mutex);
+            g_lock.depth = 0;
+            if (g_lock.waiting)
+                pthread_cond_signal(&g_lock.released);
+        }
+        pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+        return;
+    }
+    Lock lock(g_lock.mutex);
+    g_lock.depth--;
+}
+
+void *watch(void *) {
+    Lock lock(g_watchdog.mutex);
+    for (;;) {
+        if (g_watchdog.socket >= 0 && monotonic_ms() >= g_watchdog.at_ms) {
+            shutdown(g_watchdog.socket, SHUT_RDWR);
+            g_watchdog.fired = true;
+            g_watchdog.socket = -1;
+        }
+        // After a guard that ended in time the thread sleeps on till that guard's deadline: a program that sends a
+        // request every few milliseconds then wakes it once in a time limit, not at each request.
+        if (g_watchdog.socket >= 0)
+            g_watchdog.asleep_till_ms = g_watchdog.at_ms;
+        else if (g_watchdog.asleep_till_ms <= monotonic_ms())
+            g_watchdog.asleep_till_ms = INT64_MAX;
+        if (g_watchdog.asleep_till_ms == INT64_MAX) {
+            pthread_cond_wait(&g_watchdog.changed, g_watchdog.mutex.native());
+        } else {
+            const timespec until = {time_t(g_watchdog.asleep_till_ms / 1000),
+                                    long(g_watchdog.asleep_till_ms % 1000) * 1000000};
+            pthread_cond_timedwait(&g_watchdog.changed, g_watchdog.mutex.native(), &until);
+        }
+    }
+    return nullptr;
+}
+
+struct ThreadStart {
+    void *(*run)(void *);
+    void *argument;
+    char name[16];
+};
+
+void *run_thread(void *argument) {
+    const ThreadStart start = *static_cast<ThreadStart *>(argument);
+    free(argument);
+    prctl(PR_SET_NAME, start.name);
+    return start.run(start.argument);
+}
+
+} // namespace
+
+int start_thread(const char *name, void *(*run)(void *), void *argument, pthread_t *handle) {
+    auto *start = static_cast<ThreadStart *>(malloc(sizeof(ThreadStart)));
+    if (!start)
+        return ENOMEM;
+    *start = {run, argument, {}};
+    strncpy(start->name, name, sizeof start->name - 1);
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    if (!handle)
+        pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    sigset_t all, mask;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &mask);
+    pthread_t unused;
+    const int error = pthread_create(handle ? handle : &unused, &attributes, run_thread, start);
+    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+    pthread_attr_destroy(&attributes);
+    if (error)
+        free(start);
+    return error;
+}
+
+BusHold::BusHold(Deadline deadline) : held_(acquire(deadline)) {
+}
+
+BusHold::~BusHold() {
+    if (guarding_)
+        cut();
+    if (held_)
+        release();
+}
+
+bool BusHold::guard(int socket, Deadline deadline) {
+    Lock lock(g_watchdog.mutex);
+    g_watchdog.socket = socket;
+    g_watchdog.fired = false;
+    g_watchdog.at_ms = deadline.at_ms();
+    if (!g_watchdog.running) {
+        if (start_thread("tavrikbuswatch", watch, nullptr)) {
+            g_watchdog.socket = -1;
+            return false;
+        }
+        g_watchdog.running = true;
+    } else if (g_watchdog.at_ms < g_watchdog.asleep_till_ms) {
+        pthread_cond_signal(&g_watchdog.changed);
+    }
+    guarding_ = true;
+    return true;
+}
+
+bool BusHold::cut() {
+    Lock lock(g_watchdog.mutex);
+    guarding_ = false;
+    g_watchdog.socket = -1;
+    return g_watchdog.fired;
+}
+
+} // namespace tavrik
+
+void tavrik_ubus_lock(void) {
+    tavrik::acquire(tavrik::Deadline::never());
+}
+
+void tavrik_ubus_unlock(void) {
+    tavrik::keep_host_signals();
+    tavrik::release();
+}

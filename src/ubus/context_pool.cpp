@@ -1,0 +1,228 @@
+#include "ubus/context_pool.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include "core/socket.h"
+#include "ubus/bus.h"
+#include "ubus/host_signals.h"
+
+namespace tavrik {
+namespace {
+
+constexpr int kKeptContexts = 8; // 64 KiB of receive buffer each
+
+struct {
+    Mutex mutex;
+    PooledContext *idle;
+    int idle_count;
+    PooledContext *dead;    // to be freed by whoever has the bus lock next
+    char path[sizeof(sockaddr_un::sun_path)]; // where the daemon of the first context listens, empty until then
+} g_pool;
+
+void ignore_lost_connection(ubus_context *) {
+    // The default would end a loop that is not ours to end.
+}
+
+// What one ubus_connect needs, shared by the thread that runs it and the caller that may give up waiting.
+struct Setup {
+    pthread_mutex_t mutex;
+    pthread_cond_t ended;
+    Deadline deadline;
+    bool done;
+    bool abandoned;
+    ubus_context *context;
+};
+
+void free_setup(Setup *setup) {
+    pthread_cond_destroy(&setup->ended);
+    pthread_mutex_destroy(&setup->mutex);
+    free(setup);
+}
+
+void *run_setup(void *argument) {
+    auto *setup = static_cast<Setup *>(argument);
+    ubus_context *context = nullptr;
+    bool abandoned;
+    {
+        BusHold hold(setup->deadline);
+        if (hold) {
+            HostSignals keep;
+            context = ubus_connect(nullptr);
+        }
+        if (context) {
+            context->connection_lost = ignore_lost_connection;
+            fcntl(context->sock.fd, F_SETFD, FD_CLOEXEC); // older releases leave it open across exec
+        }
+        pthread_mutex_lock(&setup->mutex);
+        abandoned = setup->abandoned;
+        setup->done = true;
+        setup->context = context;
+        pthread_cond_signal(&setup->ended);
+        pthread_mutex_unlock(&setup->mutex);
+        if (abandoned && context)
+            ubus_free(context);
+    }
+    if (abandoned)
+        free_setup(setup);
+    return nullptr;
+}
+
+// Connects to where the daemon was found before and takes the greeting, all within `deadline`.
+int connect_greeted(const char *path, Deadline deadline) {
+    Fd fd(connect_unix(path, deadline));
+    if (!fd)
+        return -1;
+    // Twelve bytes: our id at the daemon, which libubus sends nowhere, with nothing behind it.
+    unsigned char greeting[12];
+    size_t got = 0;
+    while (got < sizeof greeting) {
+        pollfd wait = {fd.get(), POLLIN, 0};
+        const int ready = poll(&wait, 1, deadline.poll_ms());
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready <= 0)
+            return -1;
+        const ssize_t n = recv(fd.get(), greeting + got, sizeof greeting - got, 0);
+        if (n == 0 || (n < 0 && errno != EINTR && errno != EAGAIN))
+            return -1;
+        if (n > 0)
+            got += size_t(n);
+    }
+    return greeting[0] || greeting[1] ? -1 : fd.release(); // version 0, a greeting
+}
+
+// Frees what could not be freed when it fell due. The bus lock is held.
+void bury() {
+    PooledContext *dead;
+    {
+        Lock lock(g_pool.mutex);
+        dead = g_pool.dead;
+        g_pool.dead = nullptr;
+    }
+    while (dead) {
+        PooledContext *next = dead->next;
+        ubus_free(dead->context);
+        free(dead);
+        dead = next;
+    }
+}
+
+void learn_path(int socket) {
+    sockaddr_un address = {};
+    socklen_t length = sizeof address;
+    if (getpeername(socket, reinterpret_cast<sockaddr *>(&address), &length) || address.sun_path[0] != '/')
+        return;
+    Lock lock(g_pool.mutex);
+    memcpy(g_pool.path, address.sun_path, sizeof g_pool.path - 1);
+}
+
+// A context from the pool on a new connection: the connection takes over the context's descriptor number, so libubus
+// goes on as if its stream had never been cut. ubus_reconnect would do the same, but waits for the greeting without
+// limit.
+PooledContext *reuse_context(Deadline deadline) {
+    char path[sizeof g_pool.path];
+    PooledContext *pooled;
+    {
+        Lock lock(g_pool.mutex);
+        pooled = g_pool.idle;
+        if (!pooled)
+            return nullptr;
+        g_pool.idle = pooled->next;
+        g_pool.idle_count--;
+        memcpy(path, g_pool.path, sizeof path);
+    }
+    Fd fd(connect_greeted(path, deadline));
+    if (fd && dup3(fd.get(), pooled->context->sock.fd, O_CLOEXEC) >= 0)
+        return pooled;
+    give_context(pooled, true);
+    return nullptr;
+}
+
+} // namespace
+
+ubus_context *connect_context(Deadline deadline) {
+    auto *setup = static_cast<Setup *>(calloc(1, sizeof(Setup)));
+    if (!setup)
+        return nullptr;
+    pthread_condattr_t monotonic;
+    pthread_condattr_init(&monotonic);
+    pthread_condattr_setclock(&monotonic, CLOCK_MONOTONIC);
+    pthread_mutex_init(&setup->mutex, nullptr);
+    pthread_cond_init(&setup->ended, &monotonic);
+    pthread_condattr_destroy(&monotonic);
+    setup->deadline = deadline;
+    if (start_thread("tavrikbussetup", run_setup, setup)) {
+        free_setup(setup);
+        return nullptr;
+    }
+    const timespec until = deadline.as_timespec();
+    pthread_mutex_lock(&setup->mutex);
+    while (!setup->done && !setup->abandoned) {
+        if (pthread_cond_timedwait(&setup->ended, &setup->mutex, &until) == ETIMEDOUT && !setup->done)
+            setup->abandoned = true;
+    }
+    ubus_context *context = setup->context;
+    const bool done = setup->done;
+    pthread_mutex_unlock(&setup->mutex);
+    if (done)
+        free_setup(setup);
+    return context;
+}
+
+PooledContext *take_context(Deadline deadline) {
+    if (PooledContext *pooled = reuse_context(deadline))
+        return pooled;
+    if (deadline.passed())
+        return nullptr;
+    auto *pooled = static_cast<PooledContext *>(calloc(1, sizeof(PooledContext)));
+    if (!pooled)
+        return nullptr;
+    pooled->context = connect_context(deadline);
+    if (!pooled->context) {
+        free(pooled);
+        return nullptr;
+    }
+    learn_path(pooled->context->sock.fd);
+    return pooled;
+}
+
+void give_context(PooledContext *pooled, bool clean) {
+    shutdown(pooled->context->sock.fd, SHUT_RDWR); // the daemon sees the end of the connection now
+    {
+        Lock lock(g_pool.mutex);
+        if (clean && g_pool.path[0] && g_pool.idle_count < kKeptContexts) {
+            pooled->next = g_pool.idle;
+            g_pool.idle = pooled;
+            g_pool.idle_count++;
+            return;
+        }
+        pooled->next = g_pool.dead;
+        g_pool.dead = pooled;
+    }
+    // The caller's time may be over: when the lock is not free at once, the next one to have it does this.
+    BusHold hold(Deadline::in(0));
+    if (hold)
+        bury();
+}
+
+void drain_pool() {
+    {
+        Lock lock(g_pool.mutex);
+        while (PooledContext *pooled = g_pool.idle) {
+            g_pool.idle = pooled->next;
+            pooled->next = g_pool.dead;
+            g_pool.dead = pooled;
+        }
+        g_pool.idle_count = 0;
+    }
+    BusHold hold(Deadline::in(kBusSetupMs));
+    if (hold)
+        bury();
+}
+
+} // namespace tavrik
