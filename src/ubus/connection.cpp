@@ -4,7 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include "ubus/bus.h"
+#include "ubus/hold.h"
 #include "ubus/context_pool.h"
 
 namespace tavrik {

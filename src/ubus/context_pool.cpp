@@ -8,7 +8,7 @@
 #include <sys/un.h>
 
 #include "core/socket.h"
-#include "ubus/bus.h"
+#include "ubus/hold.h"
 #include "ubus/host_signals.h"
 
 namespace tavrik {

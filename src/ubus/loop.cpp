@@ -5,7 +5,7 @@
 
 #include "core/log.h"
 #include "tavrik_sdk.h"
-#include "ubus/bus.h"
+#include "ubus/hold.h"
 #include "ubus/context_pool.h"
 #include "ubus/host_signals.h"
 

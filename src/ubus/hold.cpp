@@ -1,4 +1,4 @@
-#include "ubus/bus.h"
+#include "ubus/hold.h"
 
 #include <signal.h>
 #include <stdlib.h>
