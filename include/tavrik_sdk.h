@@ -49,9 +49,285 @@ extern "C" {
 
 /* ---- Logging ------------------------------------------------------------------------------------------------- */
 
+/** Where the lines of the library go. */
+enum {
+    TAVRIK_LOG_STDOUT = 0,  /**< standard output, "[sdklog err:FUNCTION:LINE]:TEXT" */
+    TAVRIK_LOG_ANDROID = 1, /**< the module's own log (Android's shape), the mode at start */
+    TAVRIK_LOG_SYSLOG = 2,  /**< syslog */
+    TAVRIK_LOG_KERNEL = 3   /**< the kernel log, through Tavrik_kmsg_log(): a shell for every line, for a short look */
+};
+
+/**
+ * Tells where the library logs to.
+ *
+ * @return the log mode, TAVRIK_LOG_STDOUT to TAVRIK_LOG_KERNEL.
+ *
+ * Blocks: never. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Get_Log_Mode(void);
+
+/**
+ * Chooses where the library logs to, for the whole process; lines from then on go there.
+ *
+ * @param mode TAVRIK_LOG_STDOUT (0) to TAVRIK_LOG_KERNEL (3).
+ * @return 0; -1 for any other value, and the mode stays.
+ *
+ * Blocks: never. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Switch_Log_Mode(int mode);
+
+/**
+ * Writes one line to the kernel log: runs `echo TEXT > /dev/kmsg` in a shell, whatever the log mode.
+ *
+ * The text reaches the shell as it is, neither quoted nor escaped: `$`, `;`, a backquote and the like act there, with
+ * the rights of the process. Never pass anything that comes from outside the program.
+ *
+ * @param level  1 error, 2 warning, 3 info, 4 debug: the text starts with "err:", "warn:", "info:" or "debug:". With
+ *               any other value the text is empty.
+ * @param format as for printf, with its arguments; prefix and text are cut to 1023 characters; each line feed in them
+ *               becomes a blank. NULL gives the empty text.
+ *
+ * errno is kept. Failures are not reported.
+ * Blocks: until the shell has ended. In a callback: yes.
+ */
+TAVRIK_API void Tavrik_kmsg_log(int level, const char *format, ...) TAVRIK_PRINTF(2, 3);
+
 /* ---- AT channel ---------------------------------------------------------------------------------------------- */
 
+/** What operations of the library wait for an answer of the modem, unless they say otherwise. */
+#define TAVRIK_AT_TIMEOUT_MS 2000
+/** Size of an answer buffer that holds every answer the library asks for. */
+#define TAVRIK_AT_RESPONSE_SIZE 512
+
+/**
+ * Opens the process's one connection to the AT command server, the Unix stream socket "/tmp/atcmdsdk". With the
+ * connection open it does nothing.
+ *
+ * @return 0; -1 when the server cannot be reached.
+ *
+ * Blocks: 2 s, while the server accepts nobody; before that, until an exchange of another thread has ended.
+ * In a callback: yes.
+ */
+TAVRIK_API int Tavrik_AT_Init(void);
+
+/**
+ * Closes the connection to the AT command server, which may be opened again. With none open it does nothing.
+ *
+ * Blocks: until an exchange of another thread has ended. In a callback: yes.
+ */
+TAVRIK_API void Tavrik_AT_Deinit(void);
+
+/**
+ * Sends one command to the modem and collects its answer, through the AT command server.
+ *
+ * Standard: 3GPP TS 27.007 clause 4, ITU-T V.250 clause 5.
+ *
+ * What is left of earlier answers is discarded first. The answer is read in at most two pieces of at most 512 bytes.
+ * The call ends well with the piece in which the expected text stands, and fails with one in which "ERROR" stands; a
+ * text that is spread over two pieces is not seen.
+ *
+ * @param command    at least two characters; sent as it stands when it ends in a carriage return or line feed,
+ *                   otherwise with both behind it.
+ * @param expected   text that ends the answer: "OK", or a prefix such as "+CEREG:".
+ * @param response   where everything received goes, echo and line ends included, as a text. It is cleared first. On
+ *                   failure it holds what had arrived; it is left alone when an argument is refused.
+ * @param size       of `response` in bytes, with the terminating zero: 1 or more.
+ * @param timeout_ms limit for the answer in milliseconds, rounded down to whole seconds: 999 and less take what has
+ *                   already arrived, -1000 and less fail after the command went out.
+ * @return 0; -1 for a refused argument, without a connection, when the server is gone, at the time limit, when a
+ *         signal handler of the program interrupts the wait, when the answer with its terminator does not fit into
+ *         `response`, and when the modem answers with an error.
+ *
+ * Blocks: `timeout_ms` (and as long again, one second at least, while old input does not end); before that, until
+ * exchanges of other threads have ended. In a callback: yes.
+ * Before it: Tavrik_AT_Init(). A connection that the server has closed fails every call, until Tavrik_AT_Deinit() and
+ * Tavrik_AT_Init() have made a new one. A time-out leaves the connection open.
+ */
+TAVRIK_API int Tavrik_AT_Send(const char *command, const char *expected, char *response, int size, int timeout_ms);
+
+#ifndef TAVRIK_NO_SHORT_NAMES
+
+/**
+ * Connects to a Unix stream socket. A failure is told on standard error.
+ *
+ * @param path of the socket, at most 108 characters.
+ * @return a descriptor, non-blocking and close-on-exec, that belongs to the caller; -1 on failure.
+ *
+ * Blocks: 2 s, while the server accepts nobody. In a callback: yes.
+ */
+TAVRIK_API int at_socket_init(const char *path);
+
+/**
+ * Closes a descriptor of at_socket_init().
+ *
+ * @param fd nothing is done when it is 0 or less.
+ *
+ * Blocks: never. In a callback: yes.
+ */
+TAVRIK_API void at_socket_deinit(int fd);
+
+/**
+ * Copies the rest of the line that follows a keyword, from right behind it (a blank there is copied too) up to the
+ * first carriage return with a line feed.
+ *
+ * @param response      text to search.
+ * @param keyword       its first occurrence counts.
+ * @param[out] output   gets the characters without a terminating zero: clear it before. It must have room for all that
+ *                      may follow the keyword, line ends or not (TAVRIK_AT_RESPONSE_SIZE does for an answer of that
+ *                      size). On failure it may hold a part.
+ * @return 0; -1 when an argument is NULL, the keyword is missing, or no line end follows.
+ *
+ * Blocks: never. In a callback: yes.
+ */
+TAVRIK_API int handle_response_data(const char *response, const char *keyword, char *output);
+
+#endif
+
 /* ---- Tokenizer and text helpers ------------------------------------------------------------------------------ */
+
+/*
+ * The tokenizer walks an information line of the modem (3GPP TS 27.007 clause 4), `+CREG: 2,1,"1A2B","01C4D5E6",7`,
+ * by a cursor: a pointer into the line, of which each operation takes the address and which it moves on. It writes
+ * zero bytes over the separators, so the line must be writable, and the texts it hands out live as long as the line.
+ * A cursor that holds NULL stands behind the last field, or in a line without one.
+ *
+ * All of these keep no state, block nobody and may be called in a callback.
+ */
+#ifndef TAVRIK_NO_SHORT_NAMES
+
+/**
+ * Moves the cursor from the start of a line to behind its first ":".
+ *
+ * @param[in,out] cursor the line; NULL afterwards when it has no ":".
+ * @return 0; -1 when there is no ":" or no line.
+ */
+TAVRIK_API int at_tok_start(char **cursor);
+
+/**
+ * Moves the cursor over blanks and the characters 9 to 13 (tabulators, line ends).
+ *
+ * @param[in,out] cursor may hold NULL, and then stays.
+ * @return `cursor`.
+ */
+TAVRIK_API char **skip_white_space(char **cursor);
+
+/**
+ * Moves the cursor behind the next comma, or to the end of the line.
+ *
+ * @param[in,out] cursor may hold NULL, and then stays.
+ * @return `cursor`.
+ */
+TAVRIK_API char **skip_next_comma(char **cursor);
+
+/**
+ * Reads the next field as a decimal number; what follows its digits is ignored.
+ *
+ * @param[in,out] cursor behind the field afterwards, on failure too.
+ * @param[out] value     -2147483648 to 2147483647, the nearest one when the field is beyond; 0 for a field without
+ *                       digits; unchanged without a field.
+ * @return 0; -1 without a field or digits, and when an argument is NULL.
+ */
+TAVRIK_API int at_tok_nextint(char **cursor, int *value);
+
+/**
+ * Reads the next field as 0 or 1.
+ *
+ * @param[in,out] cursor behind the field afterwards, on failure too.
+ * @param[out] value     0 or 1, unchanged on failure; NULL when only the check is wanted.
+ * @return 0; -1 without a field, for any other content, and when `cursor` is NULL.
+ */
+TAVRIK_API int at_tok_nextbool(char **cursor, char *value);
+
+/**
+ * Tells whether text remains in the line.
+ *
+ * @param cursor NULL allowed.
+ * @return 1 when text remains, else 0.
+ */
+TAVRIK_API int at_tok_hasmore(char **cursor);
+
+/**
+ * Reads the next field as text: between quotes, where commas belong to it, or up to the next comma.
+ *
+ * @param[in,out] cursor behind the field afterwards.
+ * @param[out] value     the field inside the line, without its quotes; unchanged on failure.
+ * @return 0; -1 when no field is left, and when an argument is NULL.
+ */
+TAVRIK_API int at_tok_nextstr(char **cursor, char **value);
+
+/**
+ * Finds a field of a delimited text. Empty fields do not count.
+ *
+ * @param text       cut at the delimiters up to the field.
+ * @param delimiters each of these characters separates fields.
+ * @param index      of the field, from 0.
+ * @return the field inside `text`; NULL with fewer fields, and when an argument is NULL.
+ */
+TAVRIK_API char *string_split_parameter(char *text, const char *delimiters, int index);
+
+/**
+ * Tells whether a text can stand as one word.
+ *
+ * @param text NULL allowed.
+ * @return 0; -1 when it is NULL, empty or holds a blank, tabulator, line feed or carriage return.
+ */
+TAVRIK_API int is_insert_special(const char *text);
+
+/**
+ * Turns "A" to "Z" into lower case, in place.
+ *
+ * @param text NULL does nothing.
+ */
+TAVRIK_API void strlwr(char *text);
+
+/**
+ * Reads the decimal number that follows a keyword.
+ *
+ * @param keyword its first occurrence counts; NULL reads from the start of the text.
+ * @param text    to search.
+ * @return the number, 4294967295 when it is beyond that, and a negative one modulo 4294967296; 0 when there is no
+ *         number, no keyword in the text, or no text.
+ */
+TAVRIK_API unsigned long ulongfromstr(const char *keyword, const char *text);
+
+/**
+ * Reads the decimal number that follows a keyword.
+ *
+ * @param keyword its first occurrence counts; NULL reads from the start of the text.
+ * @param text    to search.
+ * @return the number, or the nearest one from -2147483648 to 2147483647; 0 when there is no number, no keyword in the
+ *         text, or no text.
+ */
+TAVRIK_API int ufromstr(const char *keyword, const char *text);
+
+/**
+ * Runs a command in a shell and keeps the last line that it prints.
+ *
+ * @param command     for `sh -c`; its standard input and error are the program's.
+ * @param[out] buffer the last line with its line feed, empty when nothing was printed. A line that is too long counts
+ *                    as several. Unchanged when the command cannot be started.
+ * @param size        of `buffer` in bytes, with the terminating zero: 1 or more.
+ * @return 0, whatever the command's exit status; -1 when it cannot be started, when an argument is NULL or `size` less
+ *         than 1.
+ *
+ * Blocks: until the command has ended and its output is closed. In a callback: yes.
+ */
+TAVRIK_API int system_handle(const char *command, char *buffer, int size);
+
+#endif
+
+/**
+ * Converts UCS-2 to UTF-8 (RFC 3629) and logs the result at level info.
+ *
+ * @param ucs2      code units of two bytes, the high one first, up to the first zero byte (so a character whose high
+ *                  or low byte is 0 ends the text). Surrogate pairs are not combined; half a unit at the end is left
+ *                  out. NULL does nothing.
+ * @param[out] utf8 the text with a terminating zero; its size must be half as much again as the input's length, and
+ *                  one. NULL does nothing.
+ *
+ * Blocks: never, but for the log. In a callback: yes.
+ */
+TAVRIK_API void tavrik_ucs2_to_utf8(const char *ucs2, char *utf8);
 
 /* ---- ubus and RIL requests ----------------------------------------------------------------------------------- */
 
@@ -202,6 +478,94 @@ TAVRIK_API void _free_blob_buf(struct blob_buf *message);
 #endif
 
 /* ---- Device management --------------------------------------------------------------------------------------- */
+
+/** 15 digits and the terminating zero. */
+#define TAVRIK_IMEI_SIZE 16
+#define TAVRIK_MANUFACTURER_SIZE 20
+#define TAVRIK_MODEL_SIZE 30
+#define TAVRIK_REVISION_SIZE 40
+
+/** Who made the module, and what it runs; each text ends in a zero byte. */
+typedef struct Tavrik_VersionInfo {
+    char manufacturer[TAVRIK_MANUFACTURER_SIZE];
+    char model[TAVRIK_MODEL_SIZE];
+    char revision[TAVRIK_REVISION_SIZE];
+} Tavrik_VersionInfo;
+
+/** Operating mode of the phone part. */
+enum {
+    TAVRIK_PHONE_MODE_OTHER = 0,  /**< only read: any other state of the radio interface layer */
+    TAVRIK_PHONE_MODE_ONLINE = 1, /**< full functionality */
+    TAVRIK_PHONE_MODE_MINIMUM = 2 /**< minimum functionality, the radio is off */
+};
+
+/**
+ * Reads manufacturer, model and firmware revision (AT+PALDEXATI).
+ *
+ * Standard: 3GPP TS 27.007 clauses 5.1 to 5.3 (the same three texts, by one command of the module).
+ *
+ * @param[out] info texts without blanks at their ends, cut to their fields. On failure the fields before the missing
+ *                  one are filled, that one is empty, and the rest is left alone.
+ * @return 0; -1 when `info` is NULL, the command fails, or its answer lacks one of the lines.
+ *
+ * Blocks: as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_AT_Init().
+ */
+TAVRIK_API int Tavrik_DM_GetVersionInfo(Tavrik_VersionInfo *info);
+
+/**
+ * Reads the module's IMEI (ubus object "ril", method "ril_request", request 38).
+ *
+ * Standard: 3GPP TS 27.007 clause 5.4, TS 23.003 clause 6.
+ *
+ * @param[out] imei   of TAVRIK_IMEI_SIZE bytes: the digits as a text.
+ * @param[out] length number of digits, without the terminating zero.
+ * @return 0; -1 when a pointer is NULL, the request fails, or the reply is unusable. Both outputs are unchanged then.
+ *
+ * Blocks: 3 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_DM_GetIMEI(char *imei, int *length);
+
+/**
+ * Reads the phone's operating mode (ubus object "ril", method "ril_request", request 537).
+ *
+ * Standard: 3GPP TS 27.007 clause 8.2.
+ *
+ * @param[out] mode TAVRIK_PHONE_MODE_ONLINE, _MINIMUM or _OTHER; unchanged on failure.
+ * @return 0; -1 when `mode` is NULL, the request fails, or the reply is unusable.
+ *
+ * Blocks: 3 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_DM_GetPhoneMode(int *mode);
+
+/**
+ * Switches the phone part on or off (ubus object "ril", method "ril_request", request 538).
+ *
+ * Standard: 3GPP TS 27.007 clause 8.2.
+ *
+ * @param mode TAVRIK_PHONE_MODE_ONLINE or TAVRIK_PHONE_MODE_MINIMUM.
+ * @return 0; -1 for any other mode (nothing is sent), when the request fails, and when the modem refuses it.
+ *
+ * Blocks: 9 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_DM_SetPhoneMode(int mode);
+
+#ifndef TAVRIK_NO_SHORT_NAMES
+
+/**
+ * Reply handlers of the requests 38, 537 and 538, for requests of the application's own: each checks a reply and logs
+ * what is wrong with it. The operations above keep their results per call, so these hand nothing out.
+ *
+ * @param request not looked at, NULL allowed.
+ * @param type    not looked at.
+ * @param message the reply; NULL is logged as a reply that cannot be parsed.
+ *
+ * Blocks: never, but for the log. In a callback: they are callbacks.
+ */
+TAVRIK_API void get_imei_request_cb(struct ubus_request *request, int type, struct blob_attr *message);
+TAVRIK_API void dms_get_op_mode_cb(struct ubus_request *request, int type, struct blob_attr *message);
+TAVRIK_API void dms_set_op_mode_cb(struct ubus_request *request, int type, struct blob_attr *message);
+
+#endif
 
 #ifdef __cplusplus
 }

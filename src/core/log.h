@@ -28,10 +28,14 @@ void log(Level level, Site site, const char *format, ...) __attribute__((format(
 class LogText {
   public:
     explicit LogText(const char *text);
+    ~LogText();
+    LogText(const LogText &) = delete;
+    LogText &operator=(const LogText &) = delete;
     const char *c_str() const { return text_; }
 
   private:
     const char *text_;
+    bool raw_;
     char safe_[1024]; // the kernel log takes no more of a line
 };
 
