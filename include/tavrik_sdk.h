@@ -92,6 +92,13 @@ TAVRIK_API int Tavrik_Switch_Log_Mode(int mode);
  */
 TAVRIK_API void Tavrik_kmsg_log(int level, const char *format, ...) TAVRIK_PRINTF(2, 3);
 
+/**
+ * Writes one line of each level, "log test", to where the library logs to: shows that they arrive.
+ *
+ * Blocks: never; in mode TAVRIK_LOG_KERNEL until four shells have ended. In a callback: yes.
+ */
+TAVRIK_API void Tavrik_Log_Test(void);
+
 /* ---- AT channel ---------------------------------------------------------------------------------------------- */
 
 /** What operations of the library wait for an answer of the modem, unless they say otherwise. */

@@ -180,3 +180,10 @@ void Tavrik_kmsg_log(int level, const char *format, ...) {
     snprintf(command, sizeof command, "echo %s > /dev/kmsg", text);
     tavrik::run_shell(command);
 }
+
+void Tavrik_Log_Test(void) {
+    TAVRIK_LOG_ERROR("log test");
+    TAVRIK_LOG_WARNING("log test");
+    TAVRIK_LOG_INFO("log test");
+    TAVRIK_LOG_DEBUG("log test");
+}
