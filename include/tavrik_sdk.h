@@ -29,10 +29,10 @@
 
 #if defined(__GNUC__)
 #define TAVRIK_API __attribute__((visibility("default")))
-#define TAVRIK_PRINTF(format, first) __attribute__((format(printf, format, first)))
+#define TAVRIK_PRINTF(text, first) __attribute__((__format__(__printf__, text, first)))
 #else
 #define TAVRIK_API
-#define TAVRIK_PRINTF(format, first)
+#define TAVRIK_PRINTF(text, first)
 #endif
 
 #ifdef __cplusplus
