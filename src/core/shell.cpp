@@ -3,6 +3,7 @@
 #include "core/sync.h"
 
 #include <fcntl.h>
+#include <initializer_list>
 #include <signal.h>
 #include <spawn.h>
 #include <string.h>
