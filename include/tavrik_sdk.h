@@ -28,7 +28,7 @@
 #include <stdint.h>
 
 #if defined(__GNUC__)
-#define TAVRIK_API __attribute__((visibility("default")))
+#define TAVRIK_API __attribute__((__visibility__("default")))
 #define TAVRIK_PRINTF(text, first) __attribute__((__format__(__printf__, text, first)))
 #else
 #define TAVRIK_API

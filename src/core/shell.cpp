@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <initializer_list>
+#include <initializer_list>
 #include <signal.h>
 #include <spawn.h>
 #include <string.h>
