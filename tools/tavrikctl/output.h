@@ -1,0 +1,32 @@
+// What a verb prints, once for people and once for scripts.
+#pragma once
+
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+namespace tavrikctl {
+
+class Output {
+  public:
+    Output(FILE *file, bool json) : file_(file), json_(json) {}
+
+    // One value: "Label: value", or a member `key`. A value that is not there is not printed at all.
+    void field(const char *key, const char *label, const std::string &value);
+    // Lines as they stand, or a member `key` with an array of them.
+    void lines(const char *key, const std::vector<std::string> &lines);
+    // Ends a record: it is written in one piece. False when it could not be written.
+    bool end();
+
+  private:
+    FILE *file_;
+    bool json_;
+    std::string text_;
+    nlohmann::ordered_json record_ = nlohmann::ordered_json::object();
+};
+
+// "tavrikctl: WHAT" on standard error; the result is false, for `return fail(...)`.
+bool fail(const std::string &what);
+
+} // namespace tavrikctl
