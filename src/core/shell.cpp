@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <initializer_list>
-#include <initializer_list>
 #include <signal.h>
 #include <spawn.h>
 #include <string.h>
