@@ -1,5 +1,6 @@
 // The process's one connection to the AT command server, and the exchange of one command and its answer.
 #include "core/log.h"
+#include "core/sigpipe.h"
 #include "core/socket.h"
 #include "core/sync.h"
 #include "tavrik_sdk.h"
@@ -73,8 +74,10 @@ int at_socket_init(const char *path) {
     if (!path)
         return -1;
     const int fd = tavrik::connect_unix(path, Deadline::in(kConnectMs));
-    if (fd < 0 && errno != EMFILE && errno != ENFILE) // without a descriptor nothing was connected to
+    if (fd < 0 && errno != EMFILE && errno != ENFILE) { // without a descriptor nothing was connected to
+        const tavrik::SigpipeBlocked blocked;
         fprintf(stderr, "Error connect to socket %s: %m\n", path);
+    }
     return fd;
 }
 

@@ -16,7 +16,8 @@ namespace tavrik {
 class AtCommand {
   public:
     explicit AtCommand(int timeout_ms = TAVRIK_AT_TIMEOUT_MS, const char *expected = "OK")
-        : expected_(expected), timeout_ms_(timeout_ms) {}
+        : expected_(expected),
+          timeout_ms_(timeout_ms) {}
 
     // Formats the command, sends it and collects the answer. 0 or -1.
     int send(const char *format, ...) __attribute__((format(printf, 2, 3)));

@@ -1,6 +1,7 @@
 #include "core/log.h"
 
 #include "core/shell.h"
+#include "core/sigpipe.h"
 #include "module_log.h"
 #include "tavrik_sdk.h"
 
@@ -114,6 +115,7 @@ void log(Level level, Site site, const char *format, ...) {
         line.disarm_message();
     line.end();
 
+    const SigpipeBlocked blocked;
     switch (mode) {
     case TAVRIK_LOG_STDOUT:
         fwrite(line.text(), 1, line.length(), stdout);
@@ -166,6 +168,7 @@ int Tavrik_Switch_Log_Mode(int mode) {
 }
 
 void Tavrik_kmsg_log(int level, const char *format, ...) {
+    const int saved_errno = errno;
     char text[1024] = {};
     if (level >= 1 && level <= tavrik::kLevelCount && format) {
         const int prefix = snprintf(text, sizeof text, "%s:", tavrik::kLevels[level - 1].label);
@@ -179,6 +182,7 @@ void Tavrik_kmsg_log(int level, const char *format, ...) {
     char command[sizeof text + 20];
     snprintf(command, sizeof command, "echo %s > /dev/kmsg", text);
     tavrik::run_shell(command);
+    errno = saved_errno;
 }
 
 void Tavrik_Log_Test(void) {

@@ -13,7 +13,7 @@ int connect_unix(const char *path, Deadline deadline) {
         return -1;
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, path, sizeof address.sun_path - 1);
+    memcpy(address.sun_path, path, strnlen(path, sizeof address.sun_path)); // a full one needs no terminator
     for (;;) {
         // A stopped server accepts until its backlog is full; from then on a connect waits. The send time-out of the
         // socket bounds that wait (zero would mean none, so a passed deadline still gets one microsecond).

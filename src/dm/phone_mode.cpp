@@ -58,7 +58,8 @@ void dms_set_op_mode_cb(blob_attr *message, ModeReply &result) {
         result.status = 0;
 }
 
-template <void (*handle)(blob_attr *, ModeReply &)> void on_reply(ubus_request *request, int, blob_attr *message) {
+template <void (*handle)(blob_attr *, ModeReply &)>
+void on_reply(ubus_request *request, int, blob_attr *message) {
     handle(message, *static_cast<ModeReply *>(request->priv));
 }
 
