@@ -79,7 +79,7 @@ int run(const Verb &verb, const Arguments &arguments, const Arguments &options) 
     return verb.run(arguments, output) ? kDone : kFailed;
 }
 
-int main(int argc, char **argv) {
+int command_line(int argc, char **argv) {
     const Table table = command_table();
     CLI::App app("Command line of the Tavrik SDK: drives the LTE module that it runs on.", "tavrikctl");
     app.require_subcommand(1)->fallthrough();
@@ -119,5 +119,5 @@ int main(int argc, char **argv) {
 } // namespace tavrikctl
 
 int main(int argc, char **argv) {
-    return tavrikctl::main(argc, argv);
+    return tavrikctl::command_line(argc, argv);
 }
