@@ -1,0 +1,10 @@
+#pragma once
+
+#include <string>
+
+namespace tavrik::sim {
+
+// Makes one control call and prints its result. Returns the exit code: 0 done, 1 refused or not reached, 2 bad JSON.
+int call(const std::string &sim, const std::string &verb, const std::string &arguments);
+
+} // namespace tavrik::sim

@@ -1,0 +1,73 @@
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <unistd.h>
+
+#include "call.h"
+#include "supervisor.h"
+
+namespace {
+
+void add_run_options(CLI::App *command, tavrik::sim::RunOptions &options) {
+    command->add_option("--scenario", options.scenario, "JSON file of calls to make before and during the run")
+        ->type_name("FILE")
+        ->check(CLI::ExistingFile);
+    command->add_option("--without", options.without, "Service that is not started: at, atind, ril, bus")
+        ->type_name("SERVICE")
+        ->take_all();
+    command->add_option("--name", options.name, "Name for --sim of `call`; a free one unless given")->type_name("NAME");
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    using namespace tavrik::sim;
+    // What stands behind -- is the program's, and CLI11 takes no part in it.
+    int own = 1;
+    while (own < argc && strcmp(argv[own], "--") != 0)
+        own++;
+
+    CLI::App app("tavrik-sim: runs a program inside a simulated module");
+    app.set_version_flag("--version", "tavrik-sim " TAVRIK_VERSION);
+    app.require_subcommand(1);
+
+    RunOptions options;
+    CLI::App *run_command = app.add_subcommand("run", "Run a program; ends as the program ends");
+    run_command->footer("The program and its arguments follow: tavrik-sim run [OPTIONS] -- PROGRAM [ARGUMENT]...");
+    add_run_options(run_command, options);
+    CLI::App *shell_command = app.add_subcommand("shell", "Open a shell in a module of its own");
+    add_run_options(shell_command, options);
+
+    std::string sim, verb, arguments;
+    CLI::App *call_command = app.add_subcommand("call", "Make a control call to a running module");
+    call_command->add_option("--sim", sim, "The module: the one around, else the newest one unless given")
+        ->type_name("NAME");
+    call_command->add_option("verb", verb, "What to do; `verbs` lists them")->required()->type_name("VERB");
+    call_command->add_option("json", arguments, "Arguments, a JSON object")->type_name("JSON");
+
+    try {
+        app.parse(own, argv);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    }
+
+    try {
+        if (call_command->parsed())
+            return call(sim, verb, arguments);
+        options.program.assign(argv + (own < argc ? own + 1 : own), argv + argc);
+        if (shell_command->parsed() && options.program.empty()) {
+            const char *shell = getenv("SHELL");
+            options.program = {shell && *shell ? shell : "/bin/sh"};
+        }
+        if (options.program.empty() || (shell_command->parsed() && own < argc)) {
+            fprintf(stderr, "tavrik-sim: usage: tavrik-sim run [OPTIONS] -- PROGRAM [ARGUMENT]...\n");
+            return 2;
+        }
+        return run(options);
+    } catch (const std::exception &error) {
+        fprintf(stderr, "tavrik-sim: %s\n", error.what());
+        return call_command->parsed() ? 1 : exit_simulator_failed;
+    }
+}
