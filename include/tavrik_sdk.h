@@ -574,6 +574,224 @@ TAVRIK_API void dms_set_op_mode_cb(struct ubus_request *request, int type, struc
 
 #endif
 
+/* ---- SMS ----------------------------------------------------------------------------------------------------- */
+
+#define TAVRIK_SMS_NUMBER_SIZE 50
+#define TAVRIK_SMS_TEXT_SIZE 256
+
+/** Coding of a received message. */
+enum {
+    TAVRIK_SMS_7BIT = 0, /**< GSM 7-bit default alphabet */
+    TAVRIK_SMS_8BIT = 1, /**< 8-bit data */
+    TAVRIK_SMS_UCS2 = 2
+};
+
+/** A short message, received or to be sent. */
+typedef struct SmsMessage {
+    uint8_t concat;       /**< 1 when the message is part of a longer one */
+    uint8_t concat_ref;   /**< reference that the parts share, the low 8 bits of a 16-bit one */
+    uint8_t concat_seq;   /**< number of this part */
+    uint8_t concat_total; /**< number of parts */
+    int32_t encoding;     /**< TAVRIK_SMS_7BIT, _8BIT or _UCS2 */
+    /** Sender, or where to send to. One of 50 characters and more is cut and has no terminating zero. */
+    char number[TAVRIK_SMS_NUMBER_SIZE];
+    /** UTF-8. A received one of 256 bytes and more is cut and has no terminating zero. */
+    char text[TAVRIK_SMS_TEXT_SIZE];
+    /** Bytes of the text. More than 256 when a received one was cut: use the smaller of both. */
+    int32_t length;
+    int32_t result; /**< what the modem answered to a send */
+} SmsMessage;
+
+#ifndef TAVRIK_NO_SHORT_NAMES
+
+/*
+ * Decoding of received messages (3GPP TS 23.040 and 23.038). The record of these functions is small and their alphabet
+ * is reduced; Tavrik_SMS_Decode() tells all that a message says.
+ *
+ * All of these keep no state, block nobody (but for the log) and may be called in a callback. The text codecs return -1
+ * for a NULL pointer and for a count of 0 or less, and then change nothing. They read only the bytes that their count
+ * occupies, and write no terminating zero unless it is said.
+ */
+
+/**
+ * Decodes a received PDU into a new record.
+ *
+ * @param pdu hexadecimal text of an SMS-DELIVER or SMS-STATUS-REPORT, the service centre's address in front, as the
+ *            line behind "+CMT:" has it.
+ * @return the record, to be released with free(). What cannot be decoded is zero in it: all of it for a PDU of more
+ *         than 512 characters. NULL when `pdu` is NULL and without memory.
+ */
+TAVRIK_API SmsMessage *creat_from_pdu(const char *pdu);
+
+/**
+ * Decodes a received PDU, as creat_from_pdu().
+ *
+ * A PDU whose service centre address is empty (it begins with "00") is not understood: the zero is taken for the first
+ * octet of the message. Modems of this platform always deliver that address.
+ *
+ * @param pdu              hexadecimal text. The first other character ends it.
+ * @param[in,out] message  cleared by the caller; members of which the PDU says nothing are left alone.
+ */
+TAVRIK_API void decode_pdu(const char *pdu, SmsMessage *message);
+
+/**
+ * Decodes an SMS-DELIVER.
+ *
+ * The data coding scheme counts by two bits alone: with bit 3 the text is UCS-2, else with bit 2 it is 8-bit data, else
+ * 7-bit. An alphanumeric sender comes as hexadecimal digits. The time stamp has no place in the record.
+ *
+ * @param pdu              octets behind the first one, from the length of the sender's address on. All that the lengths
+ *                         in it announce must be there. The two digits of each octet of the address are swapped.
+ * @param first_octet      bit 6 tells that the text has a header.
+ * @param[in,out] message  `concat` and its companions are set when the header has a concatenation element.
+ * @return 0; -1 when a pointer is NULL.
+ */
+TAVRIK_API int decode_normal_pdu(uint8_t *pdu, uint8_t first_octet, SmsMessage *message);
+
+/**
+ * Decodes an SMS-STATUS-REPORT. The record has no place for more than the recipient; the status is in that of
+ * Tavrik_SMS_Decode().
+ *
+ * @param pdu              octets behind the first one, from the message reference on; as of decode_normal_pdu().
+ * @param[in,out] message  only `number` is set, to the recipient.
+ * @return 0; -1 when a pointer is NULL.
+ */
+TAVRIK_API int decode_sms_receipt(uint8_t *pdu, SmsMessage *message);
+
+/**
+ * Tells whether a text could be a PDU: an even number of characters, of which the first is a hexadecimal digit. The
+ * others are not looked at.
+ *
+ * @return 0, for the empty text too; -1.
+ */
+TAVRIK_API int is_sms_pdu_format(const char *text);
+
+/**
+ * Converts hexadecimal digits, upper or lower case, to bytes. The first other character ends the conversion.
+ *
+ * @param length        characters of `text`.
+ * @param[out] bytes    half as many, rounded up. Behind an odd number of digits the last byte has its high half alone.
+ * @param[out] count    bytes written; 0 when there is nothing to convert.
+ * @return 0 always.
+ */
+TAVRIK_API int ascii_to_hex(const char *text, int length, uint8_t *bytes, int32_t *count);
+
+/**
+ * Converts bytes to upper-case hexadecimal digits.
+ *
+ * @param[out] text   2 characters for each byte.
+ * @param[out] length characters written.
+ * @return 0; -1.
+ */
+TAVRIK_API int hex_to_ascii(const uint8_t *bytes, int count, char *text, int32_t *length);
+
+/**
+ * Converts semi-octets, the low half first, to upper-case hexadecimal digits.
+ *
+ * @param bytes       the halves of each byte are swapped in place.
+ * @param[out] text   2 characters for each byte.
+ * @param[out] length characters written.
+ * @return 0; -1.
+ */
+TAVRIK_API int hex_to_ascii_low(uint8_t *bytes, int count, char *text, int32_t *length);
+
+/**
+ * Converts an address to text: its digits, with a "+" in front when the type is 0x91 (international).
+ *
+ * @param address      the type octet, and the semi-octets of the digits, which are swapped in place.
+ * @param count        octets of `address`, the type included.
+ * @param[out] number  up to 2 * count characters with the terminating zero. A filler "F" at its end is taken off.
+ * @return 0; -1.
+ */
+TAVRIK_API int decode_number(uint8_t *address, int count, char *number);
+
+/**
+ * Converts a service centre time stamp to text, "2024-09-24 14:08:30". The time zone is left out.
+ *
+ * @param octets     semi-octets of year, month, day, hour, minute, second and time zone.
+ * @param count      7.
+ * @param[out] text  of 25 bytes: with digits beyond 9 a field takes up to three characters.
+ * @return 0; -1 when a pointer is NULL or `count` is another.
+ */
+TAVRIK_API int decode_time_stamp(const uint8_t *octets, int count, char *text);
+
+/**
+ * Looks for a concatenation element in a header of the text. Other elements are logged. One that does not lie wholly
+ * inside the header ends the search.
+ *
+ * @param header elements, from behind the length of the header.
+ * @param length of `header` in octets.
+ * @return 324 bytes, to be released with free(): byte 0 is 1 when an element was found, byte 1 its reference (the low 8
+ *         bits), byte 2 the number of this part, byte 3 that of all. NULL when `header` is NULL or `length` 0 or less,
+ *         and without memory.
+ */
+TAVRIK_API uint8_t *parse_udh(const uint8_t *header, int length);
+
+/**
+ * Unpacks 7-bit characters.
+ *
+ * @param packed         octets from the one on that holds the first bit behind the header.
+ * @param count          characters to unpack.
+ * @param header_octets  octets of the header in front, its length octet included, or 0: the fill bits behind it are
+ *                       skipped.
+ * @param[out] septets   `count` bytes of the GSM alphabet, with 0x80 for code 0 ("@"), so that no zero is among them.
+ * @param[out] length    bytes written.
+ * @return 0; -1.
+ */
+TAVRIK_API int decode_7bit(const uint8_t *packed, int count, int header_octets, uint8_t *septets, int32_t *length);
+
+/**
+ * Maps characters of the GSM alphabet to ASCII: "@" (0x80), "$", "_" and the escape sequences of "^{}\\[~]|". All other
+ * codes stay as they are, national characters too.
+ *
+ * @param[out] text   `count` characters at most.
+ * @param[out] length characters written. Both are left alone when a pointer is NULL.
+ */
+TAVRIK_API void gsm_to_ascii(const uint8_t *septets, int count, char *text, int32_t *length);
+
+/**
+ * Copies 8-bit data.
+ *
+ * @param[out] text   `count` bytes.
+ * @param[out] length bytes written.
+ * @return 0; -1.
+ */
+TAVRIK_API int decode_8bit(const uint8_t *bytes, int count, char *text, int32_t *length);
+
+/**
+ * Converts UCS-2 to UTF-8. Surrogate pairs are not combined. U+0000 ends the text; half a unit at the end is left out.
+ *
+ * @param ucs2        units of two bytes, the high one first.
+ * @param count       bytes of `ucs2`.
+ * @param[out] utf8   the text with a terminating zero: 3 bytes for each unit, and one.
+ * @param[out] length bytes written, without the terminating zero.
+ * @return 0; -1.
+ */
+TAVRIK_API int convert_ucs2_to_utf8(const uint8_t *ucs2, int count, char *utf8, int32_t *length);
+
+/**
+ * Tells whether a text is all ASCII.
+ *
+ * @param count               bytes of `text`.
+ * @param[in,out] ascii_count the number of bytes below 0x80 is added.
+ * @return 1 when no byte is above 0x7F, 0 otherwise and when a pointer is NULL.
+ */
+TAVRIK_API int is_ascii(const char *text, int count, int32_t *ascii_count);
+
+/**
+ * Converts UTF-8 to the hexadecimal text of UCS-2, 4 upper-case digits for each character: "h" gives "0068". One beyond
+ * U+FFFF gives 6.
+ *
+ * @param count       bytes of `utf8`.
+ * @param[out] hex    up to 4 * count characters.
+ * @param[out] length characters written, on failure those in front of what is not UTF-8. Unchanged for a NULL pointer
+ *                    or `count`.
+ * @return 0; -1, logged, save for a byte 0x80 to 0xBF where a character should begin.
+ */
+TAVRIK_API int code_convert_utf8_to_unicodeStr(const char *utf8, int count, char *hex, int32_t *length);
+
+#endif
+
 #ifdef __cplusplus
 }
 #endif
