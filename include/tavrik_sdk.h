@@ -484,6 +484,262 @@ TAVRIK_API void _free_blob_buf(struct blob_buf *message);
 
 #endif
 
+/* ---- Indications --------------------------------------------------------------------------------------------- */
+
+/* Unsolicited results of the modem arrive on the socket "/tmp/atcmdsdkind" of the AT command server. One thread of the
+ * library, the indication thread "sdkind0306", reads it, parses each line and calls the callback of its category.
+ *
+ * Callbacks run on that thread one at a time, in the order of the lines. They may call every operation, deregistering
+ * their own category included. A slow one delays those that follow and loses nothing.
+ *
+ * A deregistration from another thread waits for a callback of its categories that is running: once it has returned
+ * none of them runs. A callback that lasts longer than 2 s more is left behind with an error line in the log; the
+ * categories that remain are then served by a new thread, from the next line on. Two callbacks on two threads of the
+ * library that deregister each other's category do not wait for each other.
+ *
+ * Which unsolicited results the modem sends is its own setting: the library never sends AT+CREG=n, AT+CNMI and the
+ * like. docs/indications.md describes the lines. */
+
+/** Categories of indications. */
+enum {
+    TAVRIK_IND_SMS = 0,     /**< Tavrik_SmsCb, event 0 */
+    TAVRIK_IND_VOICE = 1,   /**< Tavrik_CallCb */
+    TAVRIK_IND_DATA = 2,    /**< Tavrik_DataCb */
+    TAVRIK_IND_ECALL = 3,   /**< Tavrik_EcallCb */
+    TAVRIK_IND_NETWORK = 4, /**< Tavrik_NwCb */
+    TAVRIK_IND_SIM = 5,     /**< Tavrik_SimCb */
+    TAVRIK_IND_CELL = 6     /**< Tavrik_CellCb: cells and signal */
+};
+
+/** What an unknown value is in the records below, where nothing else is said. */
+#define TAVRIK_UNKNOWN_U8 0xFFu
+#define TAVRIK_UNKNOWN_U16 0xFFFFu
+#define TAVRIK_UNKNOWN_U32 0xFFFFFFFFu
+#define TAVRIK_UNKNOWN_S16 INT16_MIN
+#define TAVRIK_UNKNOWN_S32 INT32_MIN
+
+/** The modem's registration changed: +CREG, +CGREG, +CEREG (3GPP TS 27.007 clauses 7.2, 10.1.20, 10.1.22). 8 bytes. */
+typedef struct Tavrik_NwEvent {
+    uint8_t state;         /**< <stat>: 0 to 5 and above; 1 home, 5 roaming */
+    uint8_t source_access; /**< high nibble: 1 +CREG, 2 +CGREG, 3 +CEREG; low nibble: <AcT>, 15 unknown */
+    uint16_t area;         /**< location or tracking area code, 0 unknown */
+    uint32_t cell;         /**< cell identity, 0 unknown */
+} Tavrik_NwEvent;
+
+/** The SIM card's state changed: +CPIN (3GPP TS 27.007 clause 8.3), +SIMCARD. 64 bytes. */
+typedef struct Tavrik_SimEvent {
+    uint32_t kind;        /**< 6 */
+    uint32_t size;        /**< of this record */
+    int32_t state;        /**< card state, as Tavrik_UIM_GetUimCardStatus() gives it */
+    int32_t source;       /**< 1 +CPIN, 2 +SIMCARD */
+    int32_t value;        /**< behind +SIMCARD: 0 no card, else a card; TAVRIK_UNKNOWN_S32 with +CPIN */
+    char text[32];        /**< the line behind its ":", cut to 31 characters */
+    uint8_t reserved[12]; /**< 0 */
+} Tavrik_SimEvent;
+
+/** The serving cell: +EEMGINFOSVC (GSM), +EEMUMTSSVC (WCDMA), +EEMLTESVC (LTE). 64 bytes. */
+typedef struct Tavrik_CellEvent {
+    uint32_t kind;        /**< 7 */
+    uint32_t size;        /**< of this record */
+    int32_t act;          /**< 2 GSM, 3 WCDMA, 4 LTE */
+    uint16_t mcc;         /**< mobile country code */
+    uint16_t mnc;         /**< mobile network code */
+    uint8_t mnc_digits;   /**< 2 or 3 */
+    uint8_t bandwidth;    /**< downlink, as the modem reports it */
+    uint16_t band;        /**< number of the band */
+    uint32_t area;        /**< location or tracking area code */
+    uint32_t cell;        /**< cell identity */
+    uint32_t arfcn;       /**< channel number: ARFCN, UARFCN or EARFCN */
+    uint16_t phys_id;     /**< BSIC, primary scrambling code or physical cell identity */
+    int16_t level;        /**< raw index: rxlev, rscp or rsrp */
+    int16_t quality;      /**< raw index: rxqual, ecno or rsrq */
+    int16_t sinr;         /**< raw value, LTE */
+    uint8_t reserved[24]; /**< 0 */
+} Tavrik_CellEvent;
+
+/** The signal: +CESQ, raw indexes (3GPP TS 27.007 clause 8.69). 32 bytes. */
+typedef struct Tavrik_SignalEvent {
+    uint32_t kind;        /**< 8 */
+    uint32_t size;        /**< of this record */
+    uint8_t rxlev;        /**< 99 unknown */
+    uint8_t ber;          /**< 99 unknown */
+    uint8_t rscp;         /**< 255 unknown */
+    uint8_t ecno;         /**< 255 unknown */
+    uint8_t rsrq;         /**< 255 unknown */
+    uint8_t rsrp;         /**< 255 unknown */
+    uint8_t reserved[18]; /**< 0 */
+} Tavrik_SignalEvent;
+
+/** A packet data context came up or went down: +ZCONSTAT. 64 bytes. */
+typedef struct Tavrik_DataEvent {
+    uint32_t kind;        /**< 2; 4 when a profile that the application has started went down */
+    uint32_t size;        /**< of this record */
+    int32_t cid;          /**< context identifier */
+    int32_t profile_idx;  /**< profile index, `cid` - 1; TAVRIK_UNKNOWN_S32 beyond 15 */
+    int32_t state;        /**< 0 down, 1 up */
+    int32_t cause;        /**< 3GPP TS 24.008 clause 10.5.6.6 */
+    int32_t ip_type;      /**< 4 IPv4, 6 IPv6, 10 both */
+    char ifname[16];      /**< network interface, "ccinet0" and so on */
+    uint8_t reserved[20]; /**< 0 */
+} Tavrik_DataEvent;
+
+/** An eCall report: *ECALLDATA, or the end of the call. */
+typedef struct Tavrik_EcallEvent {
+    int32_t value;    /**< first field behind *ECALLDATA, 0 when it is no number; -1 the call has ended */
+    const char *text; /**< next field, or the cause of the end; NULL when there is none */
+} Tavrik_EcallEvent;
+
+struct Tavrik_CallList;
+
+/**
+ * Callbacks, by category. A record belongs to the library and is valid during the call, save one: `data` of SMS event
+ * 0, an incoming message, is an SmsMessage that belongs to the application, which releases it with free().
+ */
+typedef void (*Tavrik_SmsCb)(int event, void *data);
+typedef void (*Tavrik_CallCb)(const struct Tavrik_CallList *calls);
+typedef void (*Tavrik_DataCb)(const Tavrik_DataEvent *event);
+/** `value` and `*text` as in Tavrik_EcallEvent; `text` itself is never NULL. */
+typedef void (*Tavrik_EcallCb)(int32_t value, const char *const *text);
+typedef void (*Tavrik_NwCb)(const Tavrik_NwEvent *event);
+typedef void (*Tavrik_SimCb)(const Tavrik_SimEvent *event);
+/** A Tavrik_CellEvent or a Tavrik_SignalEvent: the first member, `kind`, tells (7 or 8). */
+typedef void (*Tavrik_CellCb)(const void *event);
+
+/** Any of these callbacks, cast to this type. */
+typedef void (*Tavrik_IndicationCb)(void);
+
+/**
+ * Registers the callback of a category, and starts the indication thread when none runs (a connection to the Unix
+ * stream socket "/tmp/atcmdsdkind").
+ *
+ * @param category TAVRIK_IND_SMS (0) to TAVRIK_IND_CELL (6).
+ * @param callback of the category's type, cast to Tavrik_IndicationCb. A category that has a callback keeps it, and
+ *                 the new one is ignored.
+ * @return 0; -1 for any other category, for NULL, and when the thread cannot be started because the server cannot be
+ *         reached: the callback is registered all the same, and the next registration tries again.
+ *
+ * Blocks: 2 s, while the server accepts nobody. In a callback: yes.
+ */
+TAVRIK_API int tavrik_indication_register(int category, Tavrik_IndicationCb callback);
+
+/**
+ * Removes all callbacks of all categories, stops the indication thread and closes its connection. What was read and
+ * not delivered is lost. Everything may be registered again afterwards.
+ *
+ * @return 0.
+ *
+ * Blocks: 2 s, while a callback runs on another thread. In a callback: yes, the thread then ends when the callback has
+ * returned.
+ */
+TAVRIK_API int tavrik_indication_deregister(void);
+
+/**
+ * Remove the callback of one family: SMS, voice calls, data calls, eCall, network (TAVRIK_IND_NETWORK and
+ * TAVRIK_IND_CELL), SIM. Each lowers the number of registrations by one, the network one always by two, whether or not
+ * there was a callback. When the number becomes 0, uloop is released (tavrik_ubus_deinit()) and everything is removed
+ * as tavrik_indication_deregister() does. The loop thread is asked to stop in any case (tavrik_ubus_thread_deinit()).
+ *
+ * @return 0.
+ *
+ * Blocks: 2 s, while a callback of the family runs on another thread; the last one besides as tavrik_ubus_deinit().
+ * In a callback: yes.
+ */
+TAVRIK_API int tavrik_indication_smsderegister(void);
+TAVRIK_API int tavrik_indication_voicecallderegister(void);
+TAVRIK_API int tavrik_indication_datacallderegister(void);
+TAVRIK_API int tavrik_indication_ecallderegister(void);
+TAVRIK_API int tavrik_indication_nwderegister(void);
+TAVRIK_API int tavrik_indication_uimderegister(void);
+
+/** State of the indication channel. */
+enum {
+    TAVRIK_INDICATION_NONE = 0,      /**< no indication thread */
+    TAVRIK_INDICATION_CONNECTED = 1, /**< the thread has its connection */
+    TAVRIK_INDICATION_LOST = -1      /**< the server has closed the connection: nothing arrives any more */
+};
+
+/**
+ * Tells whether indications can arrive. A lost connection is not made again by itself: tavrik_indication_deregister(),
+ * then register again.
+ *
+ * @return TAVRIK_INDICATION_NONE, TAVRIK_INDICATION_CONNECTED or TAVRIK_INDICATION_LOST.
+ *
+ * Blocks: never. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Indication_State(void);
+
+/**
+ * Handler of a category: hands the record of an event to the category's callback. The library's own ones are stored by
+ * tavrik_indication_register().
+ *
+ * @param event  0 SMS (`record` is an SmsMessage that now belongs to the handler), 1 voice call, 2 and 4 data call,
+ *               3 eCall (a Tavrik_EcallEvent), 5 network, 6 SIM, 7 and 8 cell and signal.
+ * @param record of that event, valid during the call.
+ */
+typedef void (*Tavrik_IndicationHandler)(int event, void *record);
+
+#ifndef TAVRIK_NO_SHORT_NAMES
+
+/**
+ * Starts the indication thread, when none runs.
+ *
+ * @return the thread (a pthread_t), the running one when there is one; 0 when the server cannot be reached or no thread
+ *         can be had. It ends with tavrik_indication_deregister() and must be neither joined nor detached.
+ *
+ * Blocks: 2 s, while the server accepts nobody. In a callback: yes.
+ */
+TAVRIK_API unsigned long start_indication_thread(void);
+
+/**
+ * What the indication thread runs. It is of no use to anybody else: on any other thread it returns at once.
+ *
+ * @param argument the library's own.
+ * @return NULL.
+ */
+TAVRIK_API void *receive_ind_data_from_at_channel(void *argument);
+
+/**
+ * Cuts a chunk into lines, each ended by CR LF, and has each reported as by on_at_indication_report(), without its end
+ * and cut to 511 characters. A line that starts with "+CMT:" is reported together with the one that follows. Empty
+ * lines, and what stands behind the last line end, are left out.
+ *
+ * @param buffer the chunk; NULL does nothing.
+ * @param length of it in bytes; nothing is done when it is 0 or less.
+ *
+ * Blocks: as long as the callbacks take, which run on the calling thread. In a callback: yes.
+ */
+TAVRIK_API void at_indication_data_handler(const char *buffer, int length);
+
+/**
+ * Parses one unsolicited result and calls its category's callback, on the calling thread.
+ *
+ * @param line without its line end, cut to 511 characters; a "+CMT:" line with CR LF and the PDU behind it.
+ * @return 0, also for a line of no category; -1 when the line cannot be parsed, or is NULL.
+ *
+ * Blocks: as long as the callback takes. In a callback: yes.
+ */
+TAVRIK_API int on_at_indication_report(const char *line);
+
+/**
+ * Stores a handler, in place of the library's own, until the next registration for its category.
+ *
+ * @param slot    0 SMS, 1 voice call, 2 eCall, 3 cell and signal, 4 network, 5 SIM, 6 data call; any other is ignored.
+ * @param handler NULL drops the events of the slot.
+ * @return 0.
+ *
+ * Blocks: never. In a callback: yes.
+ */
+TAVRIK_API int add_ind_cb(int slot, Tavrik_IndicationHandler handler);
+
+/**
+ * Clears all handlers: events are dropped from then on, in each category until something is registered for it.
+ *
+ * Blocks: never. In a callback: yes.
+ */
+TAVRIK_API void remove_ind_cb(void);
+
+#endif
+
 /* ---- Device management --------------------------------------------------------------------------------------- */
 
 /** 15 digits and the terminating zero. */
@@ -556,6 +812,57 @@ TAVRIK_API int Tavrik_DM_GetPhoneMode(int *mode);
  */
 TAVRIK_API int Tavrik_DM_SetPhoneMode(int mode);
 
+/**
+ * Switches automatic suspend on or off ("/sys/power/autosleep").
+ *
+ * @param on 0 off, anything else on.
+ * @return 0; -1 when the shell cannot be started or reports an error of the write.
+ *
+ * Blocks: while the kernel takes the write. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_DM_SetAutoSleep(int on);
+
+/**
+ * Takes a wake lock ("/sys/power/wake_lock"): while one is held the module does not suspend by itself.
+ *
+ * @param name       1 to 97 characters without blanks, tabulators and line ends; a time-out takes its digits and seven of them.
+ * @param timeout_ms after so many milliseconds the lock expires; 0 never. UINT32_MAX is refused.
+ * @return 0; -1 for a refused argument and when the write fails.
+ *
+ * Blocks: while the kernel takes the write. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_DM_CreatSourceLock(const char *name, uint32_t timeout_ms);
+
+/**
+ * Lists the wake locks that are held, separated by blanks.
+ *
+ * @param[out] locks gets 511 characters at the most.
+ * @param size       of `locks` in bytes, 1 or more. A list that fills it has no terminating zero: give 512.
+ * @return 0; -1 for NULL or a refused size, and when the shell cannot be started.
+ *
+ * Blocks: while the shell runs. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_DM_ViewSourceLock(char *locks, int size);
+
+/**
+ * Releases a wake lock that is held ("/sys/power/wake_unlock").
+ *
+ * @param name as Tavrik_DM_CreatSourceLock() took it.
+ * @return 0; -1 for a refused name, when no lock of this name is held, and when the write fails.
+ *
+ * Blocks: while the shell runs, twice. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_DM_RemoveSourceLock(const char *name);
+
+/**
+ * Flushes the file systems and reboots the module (command "reboot").
+ *
+ * @return 0, if the process lives to see it; -1 when the command fails.
+ *
+ * Blocks: until the file systems are flushed and the command has returned. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_DM_Reboot(void);
+
 #ifndef TAVRIK_NO_SHORT_NAMES
 
 /**
@@ -573,6 +880,454 @@ TAVRIK_API void dms_get_op_mode_cb(struct ubus_request *request, int type, struc
 TAVRIK_API void dms_set_op_mode_cb(struct ubus_request *request, int type, struct blob_attr *message);
 
 #endif
+
+/* ---- SIM card ------------------------------------------------------------------------------------------------ */
+
+/** Sizes of the callers' buffers, with the terminating zero: 20 digits and room, the longest number, 15 digits. */
+#define TAVRIK_ICCID_SIZE 24
+#define TAVRIK_NUMBER_SIZE 64
+#define TAVRIK_IMSI_SIZE 16
+
+/** State of the SIM card. */
+enum {
+    TAVRIK_UIM_ABSENT = 0,
+    TAVRIK_UIM_READY = 1,
+    TAVRIK_UIM_PIN_REQUIRED = 2, /**< PIN or PIN2 */
+    TAVRIK_UIM_PUK_REQUIRED = 3, /**< PUK or PUK2 */
+    TAVRIK_UIM_PUK_BLOCKED = 5,
+    TAVRIK_UIM_UNKNOWN = 6
+};
+
+/**
+ * Opens the AT channel for the operations below; the same as Tavrik_AT_Init().
+ *
+ * @return 0; -1 when the AT command server cannot be reached.
+ *
+ * Blocks: as Tavrik_AT_Init(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_UIM_Init(void);
+
+/**
+ * Registers the application's callback for SIM events; the first one stays until Tavrik_UIM_Deinit_Ex().
+ *
+ * @param callback gets each event on the indication thread.
+ * @return 0; -1 when `callback` is NULL or the indication channel cannot be opened (the callback stays registered).
+ *
+ * Blocks: as tavrik_indication_register(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_UIM_Init_Ex(Tavrik_SimCb callback);
+
+/**
+ * Takes the callback for SIM events back; as tavrik_indication_uimderegister().
+ *
+ * @return 0; -1 when the deregistration fails.
+ *
+ * Blocks: as tavrik_indication_uimderegister(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_UIM_Deinit_Ex(void);
+
+/**
+ * Reads the state of the card (AT+CPIN?).
+ *
+ * Standard: 3GPP TS 27.007 clause 8.3.
+ *
+ * @param card       0; there is one card.
+ * @param[out] state TAVRIK_UIM_ABSENT to TAVRIK_UIM_UNKNOWN. When the modem answers with an error that says nothing
+ *                   about the card, 0 is returned and the state is left alone: preset it.
+ * @return 0; -1 for a refused argument, when the modem does not answer (the state is TAVRIK_UIM_UNKNOWN then), and
+ *         when its answer has no state.
+ *
+ * Blocks: as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_UIM_Init().
+ */
+TAVRIK_API int Tavrik_UIM_GetUimCardStatus(int card, int *state);
+
+/**
+ * Reads the number of the card (AT+CICCID).
+ *
+ * Standard: ITU-T E.118, 3GPP TS 31.102 clause 4.2.2 (EF ICCID of TS 102 221 clause 13.2).
+ *
+ * @param card        0.
+ * @param[out] iccid  of TAVRIK_ICCID_SIZE bytes; empty when the answer does not fit, untouched when the modem refuses.
+ * @param[out] length in characters; unchanged on failure.
+ * @return 0; the positive number of a CME error (3GPP TS 27.007 clause 9.2); -1 for a refused argument, for a CME error
+ *         in words or with number 0, and when there is no usable answer.
+ *
+ * Blocks: as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_UIM_Init().
+ */
+TAVRIK_API int Tavrik_UIM_GetICCID(int card, char *iccid, int *length);
+
+/**
+ * Reads the subscriber's identity (AT+CIMI): the 15 characters behind the line end that begins the answer. The line
+ * that logs it has error level.
+ *
+ * Standard: 3GPP TS 27.007 clause 5.6.
+ *
+ * @param card        0.
+ * @param[out] imsi   of TAVRIK_IMSI_SIZE bytes.
+ * @param[out] length 15; less only if the answer itself was shorter. Unchanged on failure, as `imsi`.
+ * @return 0; -1 for a refused argument and when the command fails.
+ *
+ * Blocks: as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_UIM_Init().
+ */
+TAVRIK_API int Tavrik_UIM_GetIMSI(int card, char *imsi, int *length);
+
+/**
+ * Reads the own number that the card holds (AT+CNUM, its first entry).
+ *
+ * Standard: 3GPP TS 27.007 clause 7.1.
+ *
+ * @param card        0.
+ * @param[out] number of TAVRIK_NUMBER_SIZE bytes; may become empty.
+ * @param[out] length in characters. Both are unchanged on failure.
+ * @return 0; -1 for a refused argument, when the command fails, and when the answer has no number or too long a one.
+ *
+ * Blocks: as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_UIM_Init().
+ */
+TAVRIK_API int Tavrik_UIM_GetPhoneNum(int card, char *number, int *length);
+
+/**
+ * Writes the own number to the card (AT+CNUM), with type 145 when it begins with a plus sign.
+ *
+ * @param card   0.
+ * @param number decimal digits, a plus sign in front allowed: at most 51 characters, 47 with the plus sign. May be empty.
+ * @return 0; -1 for a refused argument (nothing is sent) and when the modem refuses.
+ *
+ * Blocks: as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_UIM_Init().
+ */
+TAVRIK_API int Tavrik_UIM_SetPhoneNum(int card, const char *number);
+
+/**
+ * Switch the SIM interface on (AT+CFUN=1) and off (AT+CFUN=5).
+ *
+ * Standard: 3GPP TS 27.007 clause 8.2.
+ *
+ * @param card 0.
+ * @return 0; -1 for another card (nothing is sent) and when the command fails.
+ *
+ * Blocks: as Tavrik_AT_Send() with 4 s and 2 s. In a callback: yes. Before it: Tavrik_UIM_Init().
+ */
+TAVRIK_API int Tavrik_UIM_Powerup(int card);
+TAVRIK_API int Tavrik_UIM_Powerdown(int card);
+
+#ifndef TAVRIK_NO_SHORT_NAMES
+
+/**
+ * Tells whether a text is a telephone number: decimal digits with a plus sign at most in front.
+ *
+ * @param number the text; an empty one is a number, NULL is not.
+ * @return 1 or 0.
+ *
+ * Blocks: never. In a callback: yes.
+ */
+TAVRIK_API int phonenum_is_valid(const char *number);
+
+/**
+ * Reply handlers for requests of the application's own: SIM status (request 1), IMSI (request 11), and a number (any
+ * request). Each checks a reply and logs what is wrong with it, and hands nothing out.
+ *
+ * @param request not looked at, NULL allowed.
+ * @param type    not looked at.
+ * @param message the reply; NULL is logged as a reply that cannot be parsed.
+ *
+ * Blocks: never, but for the log. In a callback: they are callbacks.
+ */
+TAVRIK_API void uim_status_request_cb(struct ubus_request *request, int type, struct blob_attr *message);
+TAVRIK_API void uim_imsi_request_cb(struct ubus_request *request, int type, struct blob_attr *message);
+TAVRIK_API void uim_phonenum_request_cb(struct ubus_request *request, int type, struct blob_attr *message);
+
+#endif
+
+/* ---- Network ------------------------------------------------------------------------------------------------- */
+
+/** Access technology of the serving cell. */
+enum { TAVRIK_NW_GSM = 2, TAVRIK_NW_WCDMA = 3, TAVRIK_NW_LTE = 4 };
+
+/**
+ * Signal values as the modem counts them (3GPP TS 27.007 clause 8.69; 99 and 255 mean unknown). Only LTE fills all
+ * fields: with WCDMA `rxlev` holds the RSCP and with GSM the RXLEV, and the others keep what the caller left there.
+ */
+typedef struct Tavrik_Signal {
+    int16_t rxlev; /**< +CESQ field 0: 0..63, dBm + 110; with WCDMA field 2, the RSCP: 0..96, dBm + 120 */
+    int16_t rsrp;  /**< +CESQ field 5: 0..97, dBm + 140 */
+    uint8_t rsrq;  /**< +CESQ field 4: 0..34, (dB + 19.5) * 2 */
+    int16_t sinr;  /**< +CPSI field 13, of the modem's own scale */
+    int16_t cqi;   /**< *ZCQI field 0: 0..15, 3GPP TS 36.213 clause 7.2.3 */
+} Tavrik_Signal;
+
+/** Bands in use, of the modem's own numbering: fields 1 to 4 of its "*BAND" answer. */
+typedef struct Tavrik_RfBandInfo {
+    uint32_t band[4];
+} Tavrik_RfBandInfo;
+
+#define TAVRIK_REJECT_CAUSES 10
+
+/** One reject cause that the modem noted: the first three fields of a "*REJCAUSE" line. */
+typedef struct Tavrik_RejectCause {
+    int32_t field[3];
+} Tavrik_RejectCause;
+
+/**
+ * Opens the AT channel for the operations below; the same as Tavrik_AT_Init().
+ *
+ * @return 0; -1 when the AT command server cannot be reached.
+ *
+ * Blocks: as Tavrik_AT_Init(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_NW_Init(void);
+
+/**
+ * Reads whether the module is registered and attached (AT+CPSI?, then AT+CEREG? on LTE, else AT+CGREG?, then AT+CREG?
+ * and AT+CGATT?).
+ *
+ * Standard: 3GPP TS 27.007 clauses 7.2, 10.1.9, 10.1.20, 10.1.22.
+ *
+ * @param[out] reg_state registration status 0 to 5 as the standard counts it; 4 (unknown) when it cannot be read.
+ * @param[out] cs_state  circuit-switched: 1 registered, 2 not, 0 when the modem does not say.
+ * @param[out] ps_state  packet-switched: 1 attached, 2 detached.
+ * @return 0; -1 for a NULL pointer, and when "+CREG" or "+CGATT" cannot be read. Outputs before that are set.
+ *
+ * Blocks: four times as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_NW_Init().
+ */
+TAVRIK_API int Tavrik_NW_GetRegStatus(int *reg_state, int *cs_state, int *ps_state);
+
+/**
+ * Reads the signal (AT+CESQ, AT*ZCQI?, AT+CPSI?). A question that the modem does not answer leaves its values as they
+ * were read before, whoever read them: they are kept for the whole process.
+ *
+ * Standard: 3GPP TS 27.007 clause 8.69.
+ *
+ * @param[out] signal     see Tavrik_Signal; unchanged on failure.
+ * @param[out] technology TAVRIK_NW_GSM, TAVRIK_NW_WCDMA or TAVRIK_NW_LTE; unchanged on failure.
+ * @return 0; -1 for a NULL pointer and without service.
+ *
+ * Blocks: three times as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_NW_Init().
+ */
+TAVRIK_API int Tavrik_NW_GetSignal(Tavrik_Signal *signal, int *technology);
+
+/**
+ * Binds the module to one cell (AT*CELL).
+ *
+ * @param technology 0 to 3, as the modem counts them.
+ * @param frequency  channel number, not 0.
+ * @param cell       physical cell id, not 0.
+ * @return 0; -1 for a refused argument (nothing is sent) and when the command fails.
+ *
+ * Blocks: as Tavrik_AT_Send() with 3 s. In a callback: yes. Before it: Tavrik_NW_Init().
+ */
+TAVRIK_API int Tavrik_NW_CellLock(int technology, int frequency, int cell);
+
+/**
+ * Ends the binding to a cell (AT*CELL).
+ *
+ * @return 0; -1 when the command fails.
+ *
+ * Blocks: as Tavrik_AT_Send() with 3 s. In a callback: yes. Before it: Tavrik_NW_Init().
+ */
+TAVRIK_API int Tavrik_NW_ResetCellLock(void);
+
+/**
+ * Reads the bands in use (AT*BAND?).
+ *
+ * @param[out] bands all zeros when the modem answers without bands; unchanged when the command fails.
+ * @return 0; -1 for NULL and when the command fails.
+ *
+ * Blocks: as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_NW_Init().
+ */
+TAVRIK_API int Tavrik_NW_GetRfBandInfo(Tavrik_RfBandInfo *bands);
+
+/**
+ * Sets the bands in use and keeps the network mode (AT*BAND? and AT*BAND).
+ *
+ * @param band1 fields 1 to 4 and 9 of the command, as the modem numbers them; the fields between stay empty.
+ * @param band2 see `band1`.
+ * @param band3 see `band1`.
+ * @param band4 see `band1`.
+ * @param last  see `band1`.
+ * @return 0; -1 when the network mode cannot be read (nothing is set then) and when the command fails.
+ *
+ * Blocks: twice as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_NW_Init().
+ */
+TAVRIK_API int Tavrik_NW_SetRfBandInfo(uint32_t band1, uint32_t band2, uint32_t band3, uint32_t band4, uint32_t last);
+
+/**
+ * Reads the preferred network mode (AT*BAND?).
+ *
+ * @param[out] mode 1 to 5; 0 for a mode of the modem that has no number of its own here. Unchanged on failure.
+ * @return 0; -1 for NULL, when the command fails, and for a mode outside the modem's 0 to 15.
+ *
+ * Blocks: as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_NW_Init().
+ */
+TAVRIK_API int Tavrik_NW_GetPreferredMode(int *mode);
+
+/**
+ * Sets the preferred network mode (AT*BAND? and AT*BAND). A mode that is set already is not set again.
+ *
+ * @param mode 1 to 5, the modem's modes 15, 5, 4, 1 and 0.
+ * @return 0; -1 for another mode (nothing is sent) and when a command fails.
+ *
+ * Blocks: twice as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_NW_Init().
+ */
+TAVRIK_API int Tavrik_NW_SetPreferredMode(int mode);
+
+/**
+ * Reads whether the module is registered with the IMS, and so for VoLTE (AT+CIREG?).
+ *
+ * Standard: 3GPP TS 27.007 clause 8.71.
+ *
+ * @param[out] status registration as the modem gives it: 1 registered, 0 not, or not told. Unchanged on failure.
+ * @return 0; -1 for NULL, when the command fails, and when its answer lacks the line.
+ *
+ * Blocks: as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_NW_Init().
+ */
+TAVRIK_API int Tavrik_NW_GetVolteStatus(int *status);
+
+/**
+ * Switches the modem's notes of reject causes (AT*REJCAUSE).
+ *
+ * @param on 0 off, anything else on.
+ * @return 0; -1 when the command fails.
+ *
+ * Blocks: as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_NW_Init().
+ */
+TAVRIK_API int Tavrik_NW_RejectCauseSwitch(int on);
+
+/**
+ * Reads the reject causes that the modem noted (AT*REJCAUSE=2).
+ *
+ * Standard: causes of 3GPP TS 24.008 clause 10.5.3.6 and TS 24.301 clause 9.9.3.9.
+ *
+ * @param[out] causes of TAVRIK_REJECT_CAUSES entries; those beyond the result are untouched.
+ * @return number of entries, 0 to 10; -1 for NULL and when the command fails.
+ *
+ * Blocks: as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_NW_Init().
+ */
+TAVRIK_API int Tavrik_NW_QueryRejectCause(Tavrik_RejectCause *causes);
+
+/**
+ * Switches the modem's report of its power indication (AT*POWERIND, 0 or 31).
+ *
+ * @param on 0 or 1.
+ * @return 0; -1 for another value (nothing is sent) and when the command fails.
+ *
+ * Blocks: as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_NW_Init().
+ */
+TAVRIK_API int Tavrik_Set_POWERIND(int on);
+
+/**
+ * Register the application's callbacks for registration changes, and for cell and signal reports; the first one of each
+ * stays until Tavrik_NW_Cb_Free(). The modem reports what it was told to: see AT+CREG and its like.
+ *
+ * @param callback gets each event on the indication thread.
+ * @return 0; -1 when `callback` is NULL or the indication channel cannot be opened (the callback stays registered).
+ *
+ * Blocks: as tavrik_indication_register(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_NW_Cb_Reg(Tavrik_NwCb callback);
+TAVRIK_API int Tavrik_NW_Cb_Reg_Ext(Tavrik_CellCb callback);
+
+/**
+ * Takes both callbacks back; as tavrik_indication_nwderegister().
+ *
+ * @return 0; -1 when the deregistration fails.
+ *
+ * Blocks: as tavrik_indication_nwderegister(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_NW_Cb_Free(void);
+
+#ifndef TAVRIK_NO_SHORT_NAMES
+
+/**
+ * Reads the access technology (AT+CPSI?); on LTE it notes the SINR for Tavrik_NW_GetSignal().
+ *
+ * @return 2 LTE, 1 WCDMA, 0 GSM, -1 anything else and failure.
+ *
+ * Blocks: as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_NW_Init().
+ */
+TAVRIK_API int get_network_type(void);
+
+/**
+ * Read the registration status (AT+CEREG? and AT+CGREG?).
+ *
+ * Standard: 3GPP TS 27.007 clauses 10.1.22 and 10.1.20.
+ *
+ * @return the status as the modem gives it, 4 (unknown) on failure.
+ *
+ * Blocks: as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_NW_Init().
+ */
+TAVRIK_API int get_lte_reg_state(void);
+TAVRIK_API int get_wcdma_or_gsm_reg_state(void);
+
+/**
+ * Read signal values (AT+CESQ and AT*ZCQI?) for the next Tavrik_NW_GetSignal().
+ *
+ * @return 0, whatever the modem answers.
+ *
+ * Blocks: as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_NW_Init().
+ */
+TAVRIK_API int get_signal_parameter(void);
+TAVRIK_API int get_cqi_info(void);
+
+/**
+ * Reply handler of request 521, the packet-switched state, for requests of the application's own: checks a reply and
+ * logs what is wrong with it.
+ *
+ * @param request not looked at, NULL allowed.
+ * @param type    not looked at.
+ * @param message the reply; NULL is logged as a reply that cannot be parsed.
+ *
+ * Blocks: never, but for the log. In a callback: it is one.
+ */
+TAVRIK_API void ps_state_request_cb(struct ubus_request *request, int type, struct blob_attr *message);
+
+#endif
+
+/* ---- Voice calls --------------------------------------------------------------------------------------------- */
+
+/** State of a voice call. */
+enum {
+    TAVRIK_CALL_DIALLING = 1,
+    TAVRIK_CALL_INCOMING = 2,
+    TAVRIK_CALL_ACTIVE = 3,
+    TAVRIK_CALL_ALERTING = 5,
+    TAVRIK_CALL_HELD = 6,
+    TAVRIK_CALL_WAITING = 7,
+    TAVRIK_CALL_STATE_7 = 8, /**< the module's own state 7 */
+    TAVRIK_CALL_ENDED = 9,
+    TAVRIK_CALL_STATE_6 = 10 /**< the module's own state 6 */
+};
+
+/** One voice call. 44 bytes. */
+typedef struct Tavrik_Call {
+    int32_t call_id;   /**< from 1 */
+    int32_t direction; /**< 1 mobile-originated, 2 mobile-terminated, 0 unknown */
+    char number[32];   /**< of the other side; one of 32 characters has no terminating zero */
+    int32_t state;     /**< TAVRIK_CALL_DIALLING and so on */
+} Tavrik_Call;
+
+#define TAVRIK_CALLS_MAX 11
+
+/**
+ * Voice calls. 508 bytes. An indication carries one: the call of a +CLCC line (3GPP TS 27.007 clause 7.18), or that of
+ * a +CALLDISCONNECT line, ended, with direction 0 and no number.
+ */
+typedef struct Tavrik_CallList {
+    int32_t count;
+    Tavrik_Call calls[TAVRIK_CALLS_MAX];
+    uint8_t reserved[20]; /**< 0 */
+} Tavrik_CallList;
+
+/* ---- Data calls ---------------------------------------------------------------------------------------------- */
+
+/** A data profile's context, as the application has started it. */
+typedef struct Tavrik_IdxCid {
+    int32_t cid;       /**< context identifier, 0 when none */
+    uint8_t reconnect; /**< 0 */
+} Tavrik_IdxCid;
+
+#define TAVRIK_IDX_CID_COUNT 15
+
+/** The contexts of the profiles 0 to 14. The library writes them one by one; they are only to be read. */
+extern TAVRIK_API Tavrik_IdxCid g_idx_cid[TAVRIK_IDX_CID_COUNT];
 
 /* ---- SMS ----------------------------------------------------------------------------------------------------- */
 

@@ -27,21 +27,13 @@ struct Imei {
 void get_imei_request_cb(blob_attr *message, Imei &imei) {
     imei.status = -1;
     const tavrik::RilReply reply(message);
-    if (!reply.parsed) {
-        TAVRIK_LOG_ERROR("Call back Parse response failed");
-    } else if (!reply.data || reply.length < 1) {
-        TAVRIK_LOG_ERROR("no response data");
-    } else if (reply.id != kGetImei) {
-        TAVRIK_LOG_ERROR("The response not for the request");
-    } else if (reply.error) {
-        TAVRIK_LOG_ERROR("response error %d", reply.error);
-    } else {
-        const char *text = static_cast<const char *>(reply.data);
-        const size_t length = strnlen(text, std::min(reply.length, sizeof imei.text - 1));
-        memcpy(imei.text, text, length);
-        imei.text[length] = 0;
-        imei.status = 0;
-    }
+    if (!tavrik::usable(reply, kGetImei))
+        return;
+    const char *text = static_cast<const char *>(reply.data);
+    const size_t length = strnlen(text, std::min(reply.length, sizeof imei.text - 1));
+    memcpy(imei.text, text, length);
+    imei.text[length] = 0;
+    imei.status = 0;
 }
 
 } // namespace

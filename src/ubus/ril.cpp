@@ -8,6 +8,20 @@
 
 using namespace tavrik;
 
+bool tavrik::usable(const RilReply &reply, uint32_t request, Site site) {
+    if (!reply.parsed)
+        log(Level::error, site, "Call back Parse response failed");
+    else if (!reply.data || reply.length < 1)
+        log(Level::error, site, "no response data");
+    else if (request != kAnyRequest && reply.id != request)
+        log(Level::error, site, "The response not for the request");
+    else if (reply.error)
+        log(Level::error, site, "response error %d", reply.error);
+    else
+        return true;
+    return false;
+}
+
 int tavrik_ubus_invoke(uint32_t request, Tavrik_UbusDataCb callback, void *priv, int timeout_ms) {
     BusConnection bus(timeout_ms);
     if (!bus.open()) {

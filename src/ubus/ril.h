@@ -5,6 +5,7 @@
 #include <stdint.h>
 
 #include "bus.h"
+#include "core/log.h"
 #include "rilutil.h"
 
 namespace tavrik {
@@ -49,5 +50,11 @@ class RilReply {
     size_t length = 0;
     const bool parsed;
 };
+
+// For usable(): a reply to whatever request.
+constexpr uint32_t kAnyRequest = 0;
+
+// Is it a reply to `request`, without error and with data? Logs for the caller why not.
+bool usable(const RilReply &reply, uint32_t request, Site site = Site::here());
 
 } // namespace tavrik
