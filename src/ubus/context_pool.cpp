@@ -8,6 +8,7 @@
 #include <sys/un.h>
 
 #include "core/socket.h"
+#include "core/thread.h"
 #include "ubus/hold.h"
 #include "ubus/host_signals.h"
 

@@ -35,7 +35,4 @@ class BusHold {
     bool guarding_ = false;
 };
 
-// Starts a thread of the library: all signals blocked, named, detached unless `handle` is given. 0 or an errno value.
-int start_thread(const char *name, void *(*run)(void *), void *argument, pthread_t *handle = nullptr);
-
 } // namespace tavrik

@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 
 #include "core/log.h"
+#include "core/thread.h"
 #include "tavrik_sdk.h"
 #include "ubus/hold.h"
 #include "ubus/context_pool.h"
@@ -23,11 +24,6 @@ struct {
     pthread_t thread;
     int wake = -1;
 } g_loop;
-
-bool on_loop_thread() {
-    Lock lock(g_loop.mutex);
-    return g_loop.state != ThreadState::none && pthread_equal(g_loop.thread, pthread_self());
-}
 
 // The thread waits outside uloop, whose lists have no lock, and enters it under the bus lock when something happened.
 void *run_loop(void *) {
@@ -82,6 +78,11 @@ int initialise() {
 }
 
 } // namespace
+
+bool tavrik::on_loop_thread() {
+    Lock lock(g_loop.mutex);
+    return g_loop.state != ThreadState::none && pthread_equal(g_loop.thread, pthread_self());
+}
 
 void tavrik::wake_loop() {
     Lock lock(g_loop.mutex);

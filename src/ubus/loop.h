@@ -6,4 +6,7 @@ namespace tavrik {
 // Makes the loop thread look again at what it waits for. Harmless without a thread.
 void wake_loop();
 
+// Is the calling thread the loop thread?
+bool on_loop_thread();
+
 } // namespace tavrik

@@ -1,0 +1,178 @@
+// The way of a record to the application's callback, and the wait for callbacks to end.
+#include "indication/state.h"
+#include "ubus/loop.h"
+
+#include <pthread.h>
+
+using namespace tavrik;
+
+namespace tavrik {
+
+Registry g_registry;
+__thread Reader *t_reader;
+
+} // namespace tavrik
+
+namespace {
+
+constexpr int kPatienceMs = 2000;
+
+void make_condition() {
+    pthread_condattr_t monotonic;
+    pthread_condattr_init(&monotonic);
+    pthread_condattr_setclock(&monotonic, CLOCK_MONOTONIC);
+    pthread_cond_init(&g_registry.changed, &monotonic);
+    pthread_condattr_destroy(&monotonic);
+}
+
+// A child after fork has none of the threads, unless it was forked in a callback: that thread then ends behind it.
+void after_fork() {
+    g_registry.starting = Mutex();
+    g_registry.mutex = Mutex();
+    make_condition();
+    g_registry.runs = nullptr;
+    g_registry.waits = nullptr;
+    g_registry.reader = nullptr;
+    if (t_reader)
+        t_reader->stop = true;
+}
+
+void set_up() {
+    make_condition();
+    pthread_atfork(nullptr, nullptr, after_fork);
+}
+
+template <class Node>
+void push(Node *&list, Node &node) {
+    node.next = list;
+    list = &node;
+}
+
+template <class Node>
+void remove(Node *&list, Node &node) {
+    Node **link = &list;
+    while (*link && *link != &node)
+        link = &(*link)->next;
+    if (*link) // after fork it is not there
+        *link = node.next;
+    pthread_cond_broadcast(&g_registry.changed);
+}
+
+bool concerns(const Run &run, const Wait &wait) {
+    return wait.slots >> run.slot & 1 && !run.left_behind && run.excused != &wait;
+}
+
+// Is `thread` inside something that `wait` waits for?
+bool holds_up(pthread_t thread, const Wait &wait) {
+    for (const Run *run = g_registry.runs; run; run = run->next)
+        if (concerns(*run, wait) && pthread_equal(run->thread, thread))
+            return true;
+    return false;
+}
+
+void excuse(pthread_t thread, const Wait &wait) {
+    for (Run *run = g_registry.runs; run; run = run->next)
+        if (concerns(*run, wait) && pthread_equal(run->thread, thread))
+            run->excused = &wait;
+}
+
+Run *awaited(const Wait &wait) {
+    for (Run *run = g_registry.runs; run; run = run->next)
+        if (concerns(*run, wait) && !pthread_equal(run->thread, wait.thread))
+            return run;
+    return nullptr;
+}
+
+// Callbacks of the indication come one at a time, also when a thread that was stopped inside one has a successor.
+bool predecessor_runs() {
+    for (const Run *run = g_registry.runs; run; run = run->next)
+        if (run->reader && run->reader != t_reader && !run->left_behind)
+            return true;
+    return false;
+}
+
+} // namespace
+
+void tavrik::set_up_registry() {
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, set_up);
+}
+
+bool tavrik::deliver(Slot slot, int event, void *record) {
+    Run run = {slot, t_reader, pthread_self(), false, nullptr, nullptr};
+    Tavrik_IndicationHandler handler;
+    {
+        RegistryLock lock;
+        while (t_reader && !t_reader->stop && predecessor_runs())
+            pthread_cond_wait(&g_registry.changed, g_registry.mutex.native());
+        handler = g_registry.handlers[slot];
+        if (!handler || (t_reader && t_reader->stop))
+            return false;
+        push(g_registry.runs, run);
+    }
+    handler(event, record);
+    RegistryLock lock;
+    remove(g_registry.runs, run);
+    return true;
+}
+
+bool tavrik::inside_callback(const Reader *reader) {
+    for (const Run *run = g_registry.runs; run; run = run->next)
+        if (run->reader == reader)
+            return true;
+    return false;
+}
+
+void tavrik::enter(Wait &wait) {
+    wait.thread = pthread_self();
+    for (const Wait *other = g_registry.waits; other; other = other->next) {
+        if (!holds_up(other->thread, wait) || !holds_up(wait.thread, *other))
+            continue;
+        excuse(other->thread, wait);
+        excuse(wait.thread, *other);
+    }
+    push(g_registry.waits, wait);
+    pthread_cond_broadcast(&g_registry.changed);
+}
+
+void tavrik::leave(Wait &wait) {
+    for (Run *run = g_registry.runs; run; run = run->next)
+        if (run->excused == &wait)
+            run->excused = nullptr;
+    remove(g_registry.waits, wait);
+}
+
+void tavrik::wait_for_callbacks(unsigned slots, Site site) {
+    // So that the loop thread and one that waits for its end do not wait for each other.
+    Run loop = {kLoopThread, nullptr, pthread_self(), false, nullptr, nullptr};
+    const bool on_loop = on_loop_thread();
+    int left_behind = 0;
+    bool served = true;
+    {
+        RegistryLock lock;
+        if (on_loop)
+            push(g_registry.runs, loop);
+        Wait wait = {slots};
+        enter(wait);
+        const timespec until = Deadline::in(kPatienceMs).as_timespec();
+        bool patient = true;
+        while (Run *run = awaited(wait)) {
+            if (patient) {
+                patient = pthread_cond_timedwait(&g_registry.changed, g_registry.mutex.native(), &until) != ETIMEDOUT;
+                continue;
+            }
+            run->left_behind = true;
+            ++left_behind;
+            pthread_cond_broadcast(&g_registry.changed);
+            if (run->reader && run->reader == g_registry.reader)
+                served = replace_reader();
+        }
+        leave(wait);
+        if (on_loop)
+            remove(g_registry.runs, loop);
+    }
+    if (left_behind)
+        log(Level::error, site, "callback does not end, left behind");
+    if (!served)
+        log(Level::error, site, "no indication thread for the other callbacks");
+}
