@@ -1,10 +1,10 @@
 # What is installed where, and the Debian package.
 include(CMakePackageConfigHelpers)
 
-# libubox and libuci as no distribution packages them: where they are those of .deps, the installation carries copies in
-# a folder of its own, which only what is installed beside them searches.
+# No distribution packages libubox: where it is the one of .deps, the installation carries a copy in a folder of its own,
+# which only what is installed beside it searches.
 set(private_libraries "")
-foreach(library ${Ubox_LIBRARY} ${Ubox_JSON_LIBRARY} ${Uci_LIBRARY})
+foreach(library ${Ubox_LIBRARY} ${Ubox_JSON_LIBRARY})
   string(FIND "${library}" "${PROJECT_SOURCE_DIR}/.deps/" at)
   if(at EQUAL 0)
     list(APPEND private_libraries ${library})
@@ -63,7 +63,7 @@ set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "${PROJECT_DESCRIPTION}
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_STRIP_FILES ON)
-# What the programs need of the system is read from them; the copies are no package's.
+# What the programs need of the system is read from them; the copies belong to no package.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR}/.deps/native/lib)
 include(CPack)
