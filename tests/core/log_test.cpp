@@ -41,7 +41,8 @@ class Log : public testing::Test {
     void TearDown() override { Tavrik_Switch_Log_Mode(TAVRIK_LOG_ANDROID); }
 };
 
-template <class Run> std::string output_of(int descriptor, Run run) {
+template <class Run>
+std::string output_of(int descriptor, Run run) {
     if (descriptor == STDOUT_FILENO)
         testing::internal::CaptureStdout();
     else
