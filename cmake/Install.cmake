@@ -17,7 +17,6 @@ file(RELATIVE_PATH to_libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FUL
 set(library_path "")
 if(TARGET tavrik_hostbus)
   list(APPEND library_path "$ORIGIN")
-  install(TARGETS tavrik_hostbus LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_SKIP)
 endif()
 if(private_libraries)
   list(APPEND library_path "$ORIGIN/tavrik")
@@ -50,16 +49,16 @@ write_basic_package_version_file(packaging/TavrikConfigVersion.cmake COMPATIBILI
 install(FILES ${PROJECT_BINARY_DIR}/packaging/TavrikConfig.cmake
   ${PROJECT_BINARY_DIR}/packaging/TavrikConfigVersion.cmake DESTINATION ${cmake_folder})
 
-install(FILES LICENSE README.md CHANGELOG.md docs/licenses.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES LICENSE README.md CHANGELOG.md docs/licenses.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tavriksdk)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME tavriksdk)
 set(CPACK_PACKAGE_VENDOR "Tavrik SDK maintainers")
 set(CPACK_PACKAGE_CONTACT "Tavrik SDK maintainers <maintainers@tavrik.invalid>")
 set(CPACK_DEBIAN_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "${PROJECT_DESCRIPTION}
- Library and header for applications on the module, the command line tavrikctl,
- and a simulator that runs an application unmodified inside a simulated module.")
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
+  "Library and header for applications on the module, the command line tavrikctl,
+and a simulator that runs an application unmodified inside a simulated module.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_STRIP_FILES ON)

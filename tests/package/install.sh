@@ -3,7 +3,7 @@
 #   install.sh BUILD-FOLDER SOURCES WORK-FOLDER VERSION BUS-FOLDER
 set -eu
 build=$1 sources=$2 work=$3 version=$4
-export LD_LIBRARY_PATH="$5" # of a bus library that lies where neither linker nor loader looks
+export LD_LIBRARY_PATH="${5:-}" # of a bus library that lies where neither linker nor loader looks
 prefix=$work/prefix
 
 rm -rf "$work"
@@ -44,3 +44,12 @@ echo "-- tavrikctl and what comes with it"
 grep -q '^\.SH SYNOPSIS' "$prefix/share/man/man1/tavrikctl.1"
 bash -c '. "$0" && COMP_WORDS=(tavrikctl --log 0 dm mode o) COMP_CWORD=5 && _tavrikctl && [ "${COMPREPLY[*]}" = "online offline" ]' \
   "$prefix/share/bash-completion/completions/tavrikctl"
+
+if command -v dpkg-shlibdeps >/dev/null; then
+  echo "-- Debian package"
+  cpack -B "$work/deb" --config "$build/CPackConfig.cmake" >"$work/cpack.log"
+  dpkg-deb -x "$work"/deb/*.deb "$work/root"
+  [ "$("$work/root/usr/bin/tavrikctl" --version)" = "tavrikctl $version" ]
+  dpkg-deb -f "$work"/deb/*.deb Depends | grep -q 'libc6 .*libstdc++6 '
+  if dpkg-deb -f "$work"/deb/*.deb Depends | grep -E 'libubox|libubus'; then exit 1; fi
+fi
