@@ -7,8 +7,6 @@
 #include <sys/types.h>
 #include <vector>
 
-struct blob_attr;
-
 namespace tavrik {
 
 struct Credentials {
@@ -26,24 +24,25 @@ public:
     enum Kind { Publish, Subscribe, Listen, Send, KindCount };
 
     explicit Access(std::string folder) : folder_(std::move(folder)) {}
-    // True if rules were read anew.
+    // True if there were files; without any, the old rules stay.
     bool load();
     bool allowed(const Credentials &who, Kind kind, std::string_view name) const;
     bool may_call(const Credentials &who, std::string_view path, std::string_view method) const;
-    // The rules as blobmsg fields, for services that check access themselves.
-    std::string describe() const;
+    // What the rules say to the object's own service, as elements of a blobmsg array.
+    std::string describe(const std::string &path) const;
 
 private:
     struct Rule {
         bool for_group;
         std::string name;
+        gid_t gid; // of that name
         std::map<std::string, std::vector<std::string>> methods; // by path
-        std::map<std::string, std::string> acl;                  // by path: what services check, blobmsg
+        std::map<std::string, std::string> acl;                  // by path: for the service, blobmsg fields
         std::vector<std::string> names[KindCount];
 
         bool applies(const Credentials &who) const;
     };
-    bool load_file(const std::string &path);
+    void load_file(const std::string &path);
 
     std::string folder_;
     std::vector<Rule> rules_;

@@ -53,7 +53,7 @@ Attributes::Attributes(blob_attr *outer) {
     blob_parse_untrusted(outer, blob_raw_len(outer), at, attribute_types, UBUS_ATTR_MAX);
 }
 
-Bus::Bus(std::string rule_folder) : access_(std::move(rule_folder)) { access_.load(); }
+Bus::Bus(std::string rule_folder) : access_(std::move(rule_folder)) { rule_seq_ = access_.load(); }
 
 Bus::~Bus() {
     while (!clients_.empty())
@@ -401,7 +401,7 @@ bool Bus::may_subscribe(const Client &from, const Object &target) const {
     if (target.has_path)
         return access_.allowed(from.who, Access::Subscribe, target.path);
     const Credentials &a = from.who, &b = target.owner->who;
-    return a.uid == 0 || a.uid == b.uid || a.gid == b.gid;
+    return a.uid == b.uid || a.gid == b.gid;
 }
 
 int Bus::subscribe(Client &from, const Attributes &attrs, bool on) {
@@ -504,8 +504,12 @@ void Bus::object_event(const char *what, const Object &object) {
 int Bus::rules_object(Client &from, const Header &header, const Attributes &attrs) {
     if (strcmp(attrs.text(UBUS_ATTR_METHOD), "query") != 0)
         return UBUS_STATUS_INVALID_COMMAND;
+    std::string rules;
+    for (auto it = from.objects.rbegin(); it != from.objects.rend(); ++it)
+        if ((*it)->has_path)
+            rules += access_.describe((*it)->path);
     Body data, body;
-    data.field_u32("seq", rule_seq_).field(BLOBMSG_TYPE_ARRAY, "acl", access_.describe());
+    data.field_u32("seq", rule_seq_).field(BLOBMSG_TYPE_ARRAY, "acl", rules);
     body.put_u32(UBUS_ATTR_OBJID, UBUS_SYSTEM_OBJECT_ACL).put(UBUS_ATTR_DATA, data.bytes());
     from.send({0, UBUS_MSG_DATA, header.seq, header.peer}, body.bytes());
     return UBUS_STATUS_OK;
