@@ -63,16 +63,20 @@ class Module {
     void make_services();
     void renew();
     void begin();
-    void next_call(size_t index);
+    void make_call();
+    void run_call(const Scenario::Call &call, const std::function<void(const std::string &)> &ended);
     void play();
     void fail(int code, const std::string &message);
 
     Context context_;
     Timer clock_timer_;
     Timer begin_timer_;
+    Timer call_timer_;
     std::vector<std::unique_ptr<TapReader>> taps_;
     std::unique_ptr<ControlServer> control_;
     Scenario scenario_;
+    size_t next_call_ = 0;
+    bool played_ = false;
     int exit_code_ = 0;
 };
 
@@ -82,7 +86,8 @@ Module::Module(const ModuleOptions &options)
           context_.clock.run();
           context_.clock.on_plan();
       }),
-      begin_timer_([this] { begin(); }) {
+      begin_timer_([this] { begin(); }),
+      call_timer_([this] { make_call(); }) {
     context_.clock.on_plan = [this] {
         int64_t next = context_.clock.next();
         if (next >= 0)
@@ -147,25 +152,32 @@ void Module::begin() {
                            [this](const Outcome &outcome) {
                                if (!outcome.error.empty())
                                    return fail(exit_failed, outcome.error);
-                               next_call(0);
+                               make_call();
                            });
 }
 
 // Makes the calls without a time, one after the other, and says then that the module is ready.
-void Module::next_call(size_t index) {
-    while (index < scenario_.calls.size() && scenario_.calls[index].at_ms)
-        index++;
-    if (index == scenario_.calls.size()) {
+void Module::make_call() {
+    const std::vector<Scenario::Call> &calls = scenario_.calls;
+    while (next_call_ < calls.size() && calls[next_call_].at_ms)
+        next_call_++;
+    if (next_call_ == calls.size()) {
         if (context_.options.ready_fd >= 0)
             (void)!write(context_.options.ready_fd, "", 1);
         return;
     }
-    const Scenario::Call &call = scenario_.calls[index];
-    auto done = [this, index, &call](const Outcome &outcome) {
-        if (outcome.error.empty())
-            next_call(index + 1);
+    const Scenario::Call &call = calls[next_call_++];
+    run_call(call, [this](const std::string &failure) {
+        if (failure.empty())
+            call_timer_.start(0);
         else
-            fail(exit_bad_scenario, context_.options.scenario + ": " + call.place + ": " + outcome.error);
+            fail(exit_bad_scenario, failure);
+    });
+}
+
+void Module::run_call(const Scenario::Call &call, const std::function<void(const std::string &)> &ended) {
+    auto done = [this, &call, ended](const Outcome &outcome) {
+        ended(outcome.error.empty() ? "" : context_.options.scenario + ": " + call.place + ": " + outcome.error);
     };
     try {
         call.action(done);
@@ -174,24 +186,18 @@ void Module::next_call(size_t index) {
     }
 }
 
+// The first client of the indication socket starts the calls that have a time.
 void Module::play() {
-    context_.on_indication_client = nullptr;
-    for (const Scenario::Call &call : scenario_.calls) {
-        if (!call.at_ms)
-            continue;
-        context_.clock.after(*call.at_ms, [this, &call] {
-            auto done = [this, &call](const Outcome &outcome) {
-                if (!outcome.error.empty())
-                    fprintf(stderr, "tavrik-sim: %s: %s: %s\n", context_.options.scenario.c_str(), call.place.c_str(),
-                            outcome.error.c_str());
-            };
-            try {
-                call.action(done);
-            } catch (const std::exception &error) {
-                done({{}, error.what()});
-            }
-        });
-    }
+    if (std::exchange(played_, true))
+        return;
+    for (const Scenario::Call &call : scenario_.calls)
+        if (call.at_ms)
+            context_.clock.after(*call.at_ms, [this, &call] {
+                run_call(call, [](const std::string &failure) {
+                    if (!failure.empty())
+                        fprintf(stderr, "tavrik-sim: %s\n", failure.c_str());
+                });
+            });
 }
 
 int Module::run() {

@@ -92,10 +92,13 @@ Fault Fault::from(Args &args, std::string_view effects) {
         fault.restart = args.flag("restart");
     if (knows("flood"))
         fault.standing.flood = args.text("flood").value_or("");
-    // Without any request named, connections end now.
-    if (fault.close && !match && !nth && !fault.raw)
-        fault.close_now = std::exchange(fault.close, false);
     args.finish();
+    // Alone, and without requests named, it means the connections that there are.
+    if (fault.close && !match && !nth && !fault.count) {
+        fault.close = false;
+        fault.close_now = !fault.for_requests();
+        fault.close = !fault.close_now;
+    }
     if (!fault.for_requests() && !fault.stands() && !fault.restart && !fault.close_now)
         throw std::invalid_argument("a fault without effect; \"" + fault.service + "\" knows " + std::string(effects));
     return fault;

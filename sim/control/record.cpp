@@ -1,7 +1,6 @@
 #include "control/record.h"
 
 #include <algorithm>
-#include <chrono>
 #include <nlohmann/json.hpp>
 
 #include "control/args.h"
@@ -13,12 +12,6 @@ using nlohmann::json;
 namespace {
 
 constexpr size_t max_bytes = 64 << 20;
-
-int64_t microseconds() {
-    using namespace std::chrono;
-    static const steady_clock::time_point start = steady_clock::now();
-    return duration_cast<std::chrono::microseconds>(steady_clock::now() - start).count();
-}
 
 bool is_utf8(const std::string &text) {
     for (size_t i = 0; i < text.size();) {
@@ -53,10 +46,6 @@ json to_json(const Record::Entry &entry) {
         shown["text"] = entry.text;
     else
         shown["hex"] = to_hex(entry.text);
-    if (entry.has_data) {
-        json data = json::parse(entry.data, nullptr, false);
-        shown["data"] = data.is_discarded() ? json(to_hex(entry.data)) : data;
-    }
     return shown;
 }
 
@@ -81,7 +70,7 @@ bool Record::Filter::fits(const Entry &entry) const {
 
 void Record::store(Entry entry) {
     entry.number = ++last_;
-    entry.us = microseconds();
+    entry.us = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start_).count();
     bytes_ += cost(entry);
     entries_.push_back(std::move(entry));
     while (entries_.size() > max_entries || (bytes_ > max_bytes && entries_.size() > 1)) {
@@ -106,15 +95,6 @@ void Record::add_ril(uint32_t id, const void *data, size_t length) {
     entry.has_data = data != nullptr;
     if (data)
         entry.data.assign(static_cast<const char *>(data), length);
-    store(std::move(entry));
-}
-
-void Record::add_call(std::string_view text, std::string data) {
-    Entry entry;
-    entry.kind = "call";
-    entry.text = text;
-    entry.data = std::move(data);
-    entry.has_data = true;
     store(std::move(entry));
 }
 

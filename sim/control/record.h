@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <nlohmann/json_fwd.hpp>
@@ -38,7 +39,6 @@ class Record {
 
     void add(std::string_view kind, uint32_t client, std::string_view text);
     void add_ril(uint32_t id, const void *data, size_t length);
-    void add_call(std::string_view text, std::string data);
 
     // {"entries": […], "last": number, "dropped": entries that made room}
     nlohmann::json read(const Filter &filter, size_t limit) const;
@@ -51,6 +51,7 @@ class Record {
     void store(Entry entry);
     size_t first_after(uint64_t number) const;
 
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
     std::deque<Entry> entries_;
     uint64_t last_ = 0;
     uint64_t dropped_ = 0;

@@ -12,6 +12,7 @@ using nlohmann::json;
 namespace {
 
 constexpr int default_limit_ms = 10000;
+constexpr int64_t max_advance_ms = int64_t(1000) * 24 * 3600 * 1000;
 
 void succeed(const Done &done, json result = json::object()) {
     done({std::move(result), {}});
@@ -55,6 +56,9 @@ Action parse_reset(Context &context, const json &args) {
         for (auto &[name, service] : context.services)
             service->discard_replies();
         context.apply_faults();
+        // A daemon that died by itself is new, too.
+        if (Service *bus = context.find("bus"); bus && !context.bus_running)
+            bus->start();
         context.renew();
         settle(context, [&context, done](const Outcome &outcome) {
             context.read_taps();
@@ -88,7 +92,7 @@ Action parse_line(Context &context, const json &object) {
 
 Action parse_advance(Context &context, const json &object) {
     Args args(object);
-    std::optional<int64_t> ms = args.number("ms", 0, int64_t(1) << 50);
+    std::optional<int64_t> ms = args.number("ms", 0, max_advance_ms);
     args.finish();
     if (!ms)
         throw std::invalid_argument("\"ms\" is missing");

@@ -179,7 +179,7 @@ void StreamServer::Client::pump() {
             break;
         }
         if (piece.delay_ms) {
-            timer_.start(std::exchange(piece.delay_ms, 0));
+            timer_.start(std::exchange(piece.delay_ms, 0) + 1); // the loop may be early by one
             break;
         }
         ssize_t n =

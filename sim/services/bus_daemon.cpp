@@ -59,6 +59,8 @@ class BusDaemon : public Service {
 }
 
 void BusDaemon::start() {
+    if (process_.pid)
+        return;
     int report[2];
     if (pipe2(report, O_CLOEXEC))
         throw std::runtime_error(std::string("pipe: ") + strerror(errno));

@@ -189,7 +189,7 @@ int BusObject::answer(ubus_request_data *request, Reply reply, const Fault *faul
             } else if (!fault->drop) {
                 delayed.reply = std::move(reply);
                 delayed.times = times;
-                delayed_.emplace(now_ms() + fault->delay_ms, std::move(delayed));
+                delayed_.emplace(now_ms() + fault->delay_ms + 1, std::move(delayed));
                 delay_timer_.start(static_cast<int>(std::max<int64_t>(0, delayed_.begin()->first - now_ms())));
             }
             return 0;
