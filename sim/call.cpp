@@ -40,7 +40,8 @@ int call(const std::string &sim, const std::string &verb, const std::string &arg
     close(fd);
     nlohmann::json parsed = nlohmann::json::parse(reply, nullptr, false);
     if (!parsed.is_object() || parsed.contains("error")) {
-        std::string error = parsed.is_object() && parsed["error"].is_string() ? parsed["error"].get<std::string>() : reply;
+        std::string error =
+            parsed.is_object() && parsed["error"].is_string() ? parsed["error"].get<std::string>() : reply;
         fprintf(stderr, "tavrik-sim: %s: %s\n", verb.c_str(), error.c_str());
         return 1;
     }

@@ -78,7 +78,7 @@ void check(int rc, const std::string &what) {
 // Builds the tree. What belongs to the sandbox is told from what belongs to the host by its file system, because
 // nothing may ever be created on the host.
 class Tree {
-public:
+  public:
     Tree() {
         for (Place place : places()) {
             // The last component is not resolved: /var/run/ubus.sock is the link to make, /var/run may be one.
@@ -93,7 +93,7 @@ public:
         return std::move(taps_);
     }
 
-private:
+  private:
     void put(const Place &place) {
         switch (place.make) {
         case Make::opened:
@@ -220,7 +220,8 @@ private:
     }
 
     // A file where there is none is created there; one of the host is covered.
-    template <typename Creator> void create(const fs::path &path, Creator creator) {
+    template <typename Creator>
+    void create(const fs::path &path, Creator creator) {
         if (!fs::exists(path)) {
             own(path.parent_path());
             creator(path);

@@ -35,7 +35,8 @@ std::string base_folder() {
     std::string outer = env("TAVRIK_SIM"), runtime = env("XDG_RUNTIME_DIR");
     if (!outer.empty() && is_ours(fs::path(outer).parent_path()))
         return fs::path(outer).parent_path();
-    if (is_ours(runtime) && runtime.size() + sizeof "/tavrik-sim//control" + longest_name < sizeof(sockaddr_un::sun_path))
+    if (is_ours(runtime) &&
+        runtime.size() + sizeof "/tavrik-sim//control" + longest_name < sizeof(sockaddr_un::sun_path))
         return runtime + "/tavrik-sim";
     return "/tmp/tavrik-sim." + std::to_string(geteuid());
 }
@@ -65,6 +66,7 @@ StateFolder::StateFolder(const std::string &name) {
     if (name.size() > longest_name || name[0] == '.' || name.find('/') != std::string::npos)
         throw std::runtime_error("\"" + name + "\" cannot be the name of a sandbox");
     std::string base = base_folder();
+    outside_ = open(fs::path(base).parent_path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
     std::string wanted = base + "/" + (name.empty() ? std::to_string(getpid()) : name);
     path_ = wanted;
     for (int i = 2; !claim(path_); i++) {
@@ -99,9 +101,11 @@ bool StateFolder::claim(const std::string &path) {
 }
 
 void StateFolder::remove() const {
-    unlink(control_path().c_str());
-    rmdir(path_.c_str());
-    rmdir(fs::path(path_).parent_path().c_str());
+    fs::path all = fs::path(path_).parent_path().filename();
+    fs::path folder = all / fs::path(path_).filename();
+    unlinkat(outside_, (folder / "control").c_str(), 0);
+    unlinkat(outside_, folder.c_str(), AT_REMOVEDIR);
+    unlinkat(outside_, all.c_str(), AT_REMOVEDIR);
 }
 
 int connect_to_sandbox(const std::string &name) {

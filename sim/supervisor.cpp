@@ -102,9 +102,12 @@ std::vector<pid_t> children() {
 
 // The inner process.
 class Inner {
-public:
+  public:
     Inner(const RunOptions &options, const StateFolder &state, const Inherited &inherited, int outer)
-        : options_(options), state_(state), inherited_(inherited), outer_(outer) {
+        : options_(options),
+          state_(state),
+          inherited_(inherited),
+          outer_(outer) {
         sigset_t set = handled_signals();
         signals_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
     }
@@ -128,7 +131,7 @@ public:
         _exit(code);
     }
 
-private:
+  private:
     void enter() {
         try {
             enter_namespaces();

@@ -6,3 +6,6 @@ extern "C" {
 #include <libubox/uloop.h>
 #include <libubus.h>
 }
+
+// A macro that takes the name of an attribute from C++.
+#undef fallthrough

@@ -1,0 +1,409 @@
+// Connection, and messages as bytes.
+#include "internal.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdio.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#define DEFAULT_PATH "/var/run/ubus/ubus.sock"
+
+struct blob_buf hostbus_builder;
+
+struct blob_attr **hostbus_parse(struct blob_attr *body) {
+    static const struct blob_attr_info policy[UBUS_ATTR_MAX] = {
+        [UBUS_ATTR_STATUS] = {.type = BLOB_ATTR_INT32},       [UBUS_ATTR_OBJPATH] = {.type = BLOB_ATTR_STRING},
+        [UBUS_ATTR_OBJID] = {.type = BLOB_ATTR_INT32},        [UBUS_ATTR_METHOD] = {.type = BLOB_ATTR_STRING},
+        [UBUS_ATTR_OBJTYPE] = {.type = BLOB_ATTR_INT32},      [UBUS_ATTR_SIGNATURE] = {.type = BLOB_ATTR_NESTED},
+        [UBUS_ATTR_DATA] = {.type = BLOB_ATTR_NESTED},        [UBUS_ATTR_TARGET] = {.type = BLOB_ATTR_INT32},
+        [UBUS_ATTR_ACTIVE] = {.type = BLOB_ATTR_INT8},        [UBUS_ATTR_NO_REPLY] = {.type = BLOB_ATTR_INT8},
+        [UBUS_ATTR_SUBSCRIBERS] = {.type = BLOB_ATTR_NESTED}, [UBUS_ATTR_USER] = {.type = BLOB_ATTR_STRING},
+        [UBUS_ATTR_GROUP] = {.type = BLOB_ATTR_STRING},
+    };
+    static struct blob_attr *table[UBUS_ATTR_MAX];
+    blob_parse_untrusted(body, blob_raw_len(body), table, policy, UBUS_ATTR_MAX);
+    return table;
+}
+
+void hostbus_close(int *fd) {
+    if (*fd >= 0)
+        close(*fd);
+    *fd = -1;
+}
+
+static void wait_for(int fd, short events) {
+    struct pollfd pfd = {.fd = fd, .events = events};
+    poll(&pfd, 1, -1);
+}
+
+// Without MSG_NOSIGNAL, as libubus sends: a caller that has to guard against SIGPIPE on the module must do it here too.
+bool hostbus_send(struct ubus_context *ctx, uint8_t type, uint16_t seq, uint32_t peer, struct blob_attr *body, int fd) {
+    struct ubus_msghdr hdr = {.type = type, .seq = cpu_to_be16(seq), .peer = cpu_to_be32(peer)};
+    struct iovec iov[2] = {{&hdr, sizeof hdr}, {body, blob_raw_len(body)}};
+    union {
+        struct cmsghdr head;
+        char room[CMSG_SPACE(sizeof(int))];
+    } control;
+    struct msghdr msg = {.msg_iov = iov, .msg_iovlen = 2};
+
+    if (fd >= 0) {
+        memset(&control, 0, sizeof control);
+        control.head.cmsg_len = CMSG_LEN(sizeof fd);
+        control.head.cmsg_level = SOL_SOCKET;
+        control.head.cmsg_type = SCM_RIGHTS;
+        memcpy(CMSG_DATA(&control.head), &fd, sizeof fd);
+        msg.msg_control = &control;
+        msg.msg_controllen = CMSG_LEN(sizeof fd);
+    }
+    while (iov[0].iov_len + iov[1].iov_len > 0) {
+        ssize_t sent = sendmsg(ctx->sock.fd, &msg, 0);
+        if (sent < 0) {
+            if (errno == EAGAIN)
+                wait_for(ctx->sock.fd, POLLOUT);
+            else if (errno != EINTR) {
+                ctx->sock.eof = true;
+                return false;
+            }
+            continue;
+        }
+        msg.msg_control = NULL;
+        msg.msg_controllen = 0;
+        for (int i = 0; i < 2; i++) {
+            size_t part = (size_t)sent < iov[i].iov_len ? (size_t)sent : iov[i].iov_len;
+            iov[i].iov_base = (char *)iov[i].iov_base + part;
+            iov[i].iov_len -= part;
+            sent -= (ssize_t)part;
+        }
+    }
+    return true;
+}
+
+// The number of bytes, 0 if there is nothing yet, -1 at the end of the stream.
+static ssize_t receive_some(struct ubus_context *ctx, void *data, size_t length, int *fd) {
+    struct iovec iov = {data, length};
+    union {
+        struct cmsghdr head;
+        char room[CMSG_SPACE(sizeof(int))];
+    } control;
+    // CMSG_SPACE as the length would leave room for a second descriptor.
+    struct msghdr msg = {
+        .msg_iov = &iov, .msg_iovlen = 1, .msg_control = &control, .msg_controllen = CMSG_LEN(sizeof(int))};
+    ssize_t got;
+    do
+        got = recvmsg(ctx->sock.fd, &msg, MSG_CMSG_CLOEXEC);
+    while (got < 0 && errno == EINTR);
+    if (got < 0 && errno == EAGAIN)
+        return 0;
+    if (got <= 0) {
+        ctx->sock.eof = true;
+        return -1;
+    }
+    if (msg.msg_controllen >= CMSG_LEN(sizeof(int)) && control.head.cmsg_type == SCM_RIGHTS) {
+        int received;
+        memcpy(&received, CMSG_DATA(&control.head), sizeof received);
+        hostbus_close(fd);
+        *fd = received;
+    }
+    return got;
+}
+
+// All of it, without limit: once a message has begun, its rest is on the way.
+static bool receive_rest(struct ubus_context *ctx, void *data, size_t length, size_t done, int *fd) {
+    while (done < length) {
+        ssize_t got = receive_some(ctx, (char *)data + done, length - done, fd);
+        if (got < 0)
+            return false;
+        if (got == 0)
+            wait_for(ctx->sock.fd, POLLIN);
+        done += (size_t)got;
+    }
+    return true;
+}
+
+// Room for a message: grows in steps, and shrinks after a number of messages that would have done with less.
+static bool make_room(struct ubus_context *ctx, uint32_t length) {
+    uint32_t want = (length + UBUS_MSG_CHUNK_SIZE - 1) / UBUS_MSG_CHUNK_SIZE * UBUS_MSG_CHUNK_SIZE;
+    if (ctx->msgbuf.data && want <= ctx->msgbuf_data_len) {
+        if (want == ctx->msgbuf_data_len || ++ctx->msgbuf_reduction_counter <= 16) {
+            if (want == ctx->msgbuf_data_len)
+                ctx->msgbuf_reduction_counter = 0;
+            return true;
+        }
+    }
+    ctx->msgbuf_reduction_counter = 0;
+    struct blob_attr *data = realloc(ctx->msgbuf.data, want);
+    if (!data)
+        return ctx->msgbuf.data && length <= ctx->msgbuf_data_len;
+    ctx->msgbuf.data = data;
+    ctx->msgbuf_data_len = want;
+    return true;
+}
+
+// A message that cannot be used is read to its end all the same, so that the next one is found.
+static bool skip(struct ubus_context *ctx, uint32_t length, int *fd) {
+    char junk[4096];
+    while (length > 0) {
+        uint32_t part = length < sizeof junk ? length : (uint32_t)sizeof junk;
+        if (!receive_rest(ctx, junk, part, 0, fd))
+            return false;
+        length -= part;
+    }
+    return true;
+}
+
+static void dispatch(struct ubus_context *ctx, int fd) {
+    const struct ubus_msghdr *hdr = &ctx->msgbuf.hdr;
+    switch (hdr->type) {
+    case UBUS_MSG_STATUS:
+    case UBUS_MSG_DATA:
+        hostbus_answer(ctx, &(struct ubus_msghdr){0, hdr->type, hdr->seq, hdr->peer}, ctx->msgbuf.data, fd);
+        return;
+    case UBUS_MSG_INVOKE:
+    case UBUS_MSG_UNSUBSCRIBE:
+    case UBUS_MSG_NOTIFY:
+        if (ctx->stack_depth) {
+            hostbus_keep(&ctx->pending, hdr, ctx->msgbuf.data, fd);
+            return;
+        }
+        // The handler owns the buffer while it runs: its message stays valid whatever it calls.
+        struct blob_attr *body = ctx->msgbuf.data;
+        uint32_t room = ctx->msgbuf_data_len;
+        ctx->msgbuf.data = NULL;
+        hostbus_object_message(ctx, &(struct ubus_msghdr){0, hdr->type, hdr->seq, hdr->peer}, body, fd);
+        if (ctx->msgbuf.data) {
+            free(body);
+        } else {
+            ctx->msgbuf.data = body;
+            ctx->msgbuf_data_len = room;
+        }
+        return;
+    case UBUS_MSG_MONITOR:
+        if (ctx->monitor_cb)
+            ctx->monitor_cb(ctx, hdr->seq, ctx->msgbuf.data);
+        break;
+    }
+    hostbus_close(&fd);
+}
+
+bool hostbus_read_one(struct ubus_context *ctx) {
+    struct {
+        struct ubus_msghdr hdr;
+        uint32_t id_len;
+    } head;
+    int fd = -1;
+
+    for (;;) {
+        ssize_t got = receive_some(ctx, &head, sizeof head, &fd);
+        if (got <= 0)
+            return false;
+        if (!receive_rest(ctx, &head, sizeof head, (size_t)got, &fd))
+            break;
+        uint32_t length = be32_to_cpu(head.id_len) & BLOB_ATTR_LEN_MASK;
+        if (length < sizeof head.id_len) {
+            ctx->sock.eof = true; // no telling where the next message starts
+            break;
+        }
+        uint32_t rest = length - (uint32_t)sizeof head.id_len;
+        // Room for a whole number of words: the parser looks at a last attribute with its padding.
+        if (head.hdr.version != 0 || length > HOSTBUS_MAX_MESSAGE || !make_room(ctx, (length + 3) & ~3u)) {
+            if (!skip(ctx, rest, &fd))
+                break;
+            hostbus_close(&fd);
+            continue;
+        }
+        ctx->msgbuf.hdr = head.hdr;
+        ctx->msgbuf.hdr.seq = be16_to_cpu(head.hdr.seq);
+        ctx->msgbuf.hdr.peer = be32_to_cpu(head.hdr.peer);
+        ctx->msgbuf.data->id_len = head.id_len;
+        if (!receive_rest(ctx, ctx->msgbuf.data->data, rest, 0, &fd))
+            break;
+        dispatch(ctx, fd);
+        return true;
+    }
+    hostbus_close(&fd);
+    return false;
+}
+
+bool hostbus_keep(struct list_head *list, const struct ubus_msghdr *hdr, const struct blob_attr *body, int fd) {
+    struct Kept *kept = calloc(1, sizeof *kept + blob_pad_len(body));
+    if (!kept) {
+        hostbus_close(&fd);
+        return false;
+    }
+    kept->hdr = *hdr;
+    kept->fd = fd;
+    memcpy(kept->body, body, blob_raw_len(body));
+    list_add_tail(&kept->list, list);
+    return true;
+}
+
+void hostbus_drop_kept(struct list_head *list) {
+    struct Kept *kept, *next;
+    list_for_each_entry_safe(kept, next, list, list) {
+        list_del(&kept->list);
+        hostbus_close(&kept->fd);
+        free(kept);
+    }
+}
+
+void hostbus_lost(struct ubus_context *ctx) {
+    ubus_flush_requests(ctx);
+    ctx->connection_lost(ctx);
+}
+
+static void handle_event(struct uloop_fd *u, unsigned int events) {
+    struct ubus_context *ctx = container_of(u, struct ubus_context, sock);
+    (void)events;
+    do {
+        hostbus_run_pending(ctx);
+        if (!hostbus_read_one(ctx))
+            break;
+        // At the end of the stream there will be no further event, so what is left is read now.
+    } while (ctx->sock.eof || !(ctx->cancel_poll || uloop_cancelling()));
+    hostbus_run_pending(ctx);
+    if (ctx->sock.eof)
+        hostbus_lost(ctx);
+}
+
+static void pending_timer(struct uloop_timeout *timer) {
+    hostbus_run_pending(container_of(timer, struct ubus_context, pending_timer));
+}
+
+static void end_loop(struct ubus_context *ctx) {
+    if (ctx->sock.registered)
+        uloop_end();
+}
+
+static int compare_ids(const void *k1, const void *k2, void *ptr) {
+    uint32_t a = *(const uint32_t *)k1, b = *(const uint32_t *)k2;
+    (void)ptr;
+    return a < b ? -1 : a > b;
+}
+
+static int set_up(struct ubus_context *ctx) {
+    if (uloop_init() < 0)
+        return -1;
+    memset(ctx, 0, sizeof *ctx);
+    INIT_LIST_HEAD(&ctx->requests);
+    INIT_LIST_HEAD(&ctx->pending);
+    avl_init(&ctx->objects, compare_ids, false, NULL);
+    ctx->sock.fd = -1;
+    ctx->sock.cb = handle_event;
+    ctx->pending_timer.cb = pending_timer;
+    ctx->connection_lost = end_loop;
+    return 0;
+}
+
+static int open_socket(const char *path) {
+    struct sockaddr_un address = {.sun_family = AF_UNIX};
+    if (!path)
+        path = DEFAULT_PATH;
+    if (strlen(path) >= sizeof address.sun_path)
+        return -1;
+    strcpy(address.sun_path, path);
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    while (connect(fd, (struct sockaddr *)&address, sizeof address) < 0)
+        if (errno != EINTR) {
+            hostbus_close(&fd);
+            break;
+        }
+    return fd;
+}
+
+static void leave(struct ubus_context *ctx) {
+    uloop_fd_delete(&ctx->sock);
+    hostbus_close(&ctx->sock.fd);
+    ctx->sock.eof = false;
+    ctx->sock.error = false;
+}
+
+int ubus_reconnect(struct ubus_context *ctx, const char *path) {
+    struct {
+        struct ubus_msghdr hdr;
+        uint32_t id_len;
+    } hello;
+
+    if (ubus_context_is_channel(ctx))
+        return -1;
+    leave(ctx);
+    int fd = open_socket(path);
+    if (fd < 0)
+        return UBUS_STATUS_CONNECTION_FAILED;
+    ssize_t got;
+    do
+        got = read(fd, &hello, sizeof hello);
+    while (got < 0 && errno == EINTR);
+    if (got != (ssize_t)sizeof hello || hello.hdr.version != 0 || hello.hdr.type != UBUS_MSG_HELLO ||
+        hello.hdr.peer <= UBUS_CLIENT_ID_CHANNEL || (be32_to_cpu(hello.id_len) & BLOB_ATTR_LEN_MASK) < 4) {
+        hostbus_close(&fd);
+        return UBUS_STATUS_UNKNOWN_ERROR;
+    }
+    ctx->local_id = hello.hdr.peer; // in wire order, as libubus keeps it
+    ctx->sock.fd = fd;
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    hostbus_add_all_again(ctx);
+    hostbus_auto_subscribe_again(ctx);
+    return UBUS_STATUS_OK;
+}
+
+int ubus_connect_ctx(struct ubus_context *ctx, const char *path) {
+    if (set_up(ctx) < 0)
+        return -1;
+    INIT_LIST_HEAD(&ctx->auto_subscribers);
+    return ubus_reconnect(ctx, path) ? -1 : 0;
+}
+
+struct ubus_context *ubus_connect(const char *path) {
+    struct ubus_context *ctx = malloc(sizeof *ctx);
+    if (ctx && ubus_connect_ctx(ctx, path)) {
+        free(ctx);
+        ctx = NULL;
+    }
+    return ctx;
+}
+
+int ubus_channel_connect(struct ubus_context *ctx, int fd, ubus_handler_t handler) {
+    if (set_up(ctx) < 0)
+        return -1;
+    ctx->local_id = UBUS_CLIENT_ID_CHANNEL;
+    ctx->request_handler = handler;
+    ctx->sock.fd = fd;
+    fcntl(fd, F_SETFD, fcntl(fd, F_GETFD) | FD_CLOEXEC);
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    return 0;
+}
+
+int ubus_channel_create(struct ubus_context *ctx, int *remote_fd, ubus_handler_t handler) {
+    int fds[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) < 0)
+        return -1;
+    if (ubus_channel_connect(ctx, fds[0], handler) < 0) {
+        hostbus_close(&fds[0]);
+        hostbus_close(&fds[1]);
+        return -1;
+    }
+    *remote_fd = fds[1];
+    return 0;
+}
+
+void ubus_shutdown(struct ubus_context *ctx) {
+    blob_buf_free(&hostbus_builder);
+    if (!ctx)
+        return;
+    leave(ctx);
+    uloop_timeout_cancel(&ctx->pending_timer);
+    hostbus_drop_kept(&ctx->pending);
+    free(ctx->msgbuf.data);
+    ctx->msgbuf.data = NULL;
+    ctx->msgbuf_data_len = 0;
+}
+
+void ubus_free(struct ubus_context *ctx) {
+    ubus_shutdown(ctx);
+    free(ctx);
+}

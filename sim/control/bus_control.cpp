@@ -1,0 +1,72 @@
+#include "control/verbs.h"
+#include "services/bus_object.h"
+
+#include <cstdlib>
+
+extern "C" {
+#include <libubox/blobmsg_json.h>
+}
+
+namespace tavrik::sim {
+
+using nlohmann::json;
+
+namespace {
+
+constexpr size_t max_reply = 512 << 10; // of JSON text; the bus carries a megabyte
+
+// The control calls as the methods of a bus object.
+class BusControl : public BusObject {
+  public:
+    explicit BusControl(Context &context) : BusObject(context, "tavrik.sim", verb_names()) {}
+
+    std::string_view effects() const override { return {}; }
+    void discard_replies() override {}
+
+  protected:
+    int serve(ubus_request_data *request, const char *method, blob_attr *message) override;
+
+  private:
+    void finish(ubus_request_data *request, const Outcome &outcome);
+};
+
+json arguments_of(blob_attr *message) {
+    char *text = message ? blobmsg_format_json(message, true) : nullptr;
+    json args = text ? json::parse(text, nullptr, false) : json::object();
+    free(text);
+    return args;
+}
+
+int BusControl::serve(ubus_request_data *request, const char *method, blob_attr *message) {
+    auto waiting = std::make_shared<ubus_request_data>();
+    ubus_defer_request(nullptr, request, waiting.get());
+    call(context_, method, arguments_of(message), [this, waiting, asked_by = connection()](const Outcome &outcome) {
+        if (asked_by == connection())
+            finish(waiting.get(), outcome);
+    });
+    return 0;
+}
+
+void BusControl::finish(ubus_request_data *request, const Outcome &outcome) {
+    json reply = outcome.error.empty() ? outcome.result : json{{"error", outcome.error}};
+    std::string text = reply.dump(-1, ' ', false, json::error_handler_t::replace);
+    int status = outcome.error.empty() ? UBUS_STATUS_OK : UBUS_STATUS_INVALID_ARGUMENT;
+    if (text.size() > max_reply) {
+        text = R"({"error": "too long for the bus; ask for less, or use the private socket"})";
+        status = UBUS_STATUS_NOT_SUPPORTED;
+    }
+    blob_buf buffer{};
+    blob_buf_init(&buffer, 0);
+    blobmsg_add_json_from_string(&buffer, text.c_str());
+    send(request, fields_of(buffer));
+    blob_buf_free(&buffer);
+    complete(request, status);
+}
+
+} // namespace
+
+std::unique_ptr<Service> make_bus_control(Context &context) {
+    return std::make_unique<BusControl>(context);
+}
+
+} // namespace tavrik::sim

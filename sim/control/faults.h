@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "io/stream_server.h"
+
+namespace tavrik::sim {
+
+class Args;
+
+// What a service does as long as a fault stands, whether it is asked or not.
+struct Standing {
+    bool freeze = false; // alive, but does nothing
+    bool refuse = false; // no new connection
+    bool stop = false;   // gone
+    std::string flood;   // sent without end
+};
+
+// What is wrong with a service (docs/simulator.md, "Faults").
+struct Fault {
+    unsigned number = 0;
+    std::string service;
+    // Which requests, by AT command, RIL request id or method, with wildcards.
+    std::string match = "*";
+    int64_t nth = 1;
+    std::optional<int64_t> count;
+    // What happens to their replies.
+    bool drop = false;
+    bool close = false;
+    int delay_ms = 0;
+    Cuts split;
+    std::optional<std::string> raw;   // bytes in place of the reply
+    std::optional<std::string> error; // final line of an AT reply
+    std::optional<int32_t> ril_error; // error field of a RIL reply
+    std::optional<uint32_t> ril_id;   // id field of a RIL reply
+    std::optional<std::string> data;  // payload of a RIL reply
+    bool no_data = false;             // RIL reply without payload
+    std::optional<int32_t> status;    // of the bus call
+    int times = 1;                    // that a bus reply is sent before the status
+    // What happens without any request.
+    Standing standing;
+    bool restart = false;
+    bool close_now = false;
+
+    bool for_requests() const;
+    bool stands() const { return standing.freeze || standing.refuse || standing.stop || !standing.flood.empty(); }
+    // `effects` are the names that the service knows. Throws std::invalid_argument.
+    static Fault from(Args &args, std::string_view effects);
+
+    int64_t seen = 0;
+};
+
+class Faults {
+  public:
+    unsigned add(Fault fault);
+    // The fault that meets this request, NULL when none does; it counts as used. Valid until the next call.
+    const Fault *meet(std::string_view service, std::string_view request);
+    Standing standing(std::string_view service) const;
+    // Of a service, or all; by number. Returns how many there were.
+    size_t remove(const std::optional<unsigned> &number, const std::optional<std::string> &service);
+
+  private:
+    std::list<Fault> faults_;
+    std::list<Fault> used_up_;
+    unsigned last_ = 0;
+};
+
+} // namespace tavrik::sim

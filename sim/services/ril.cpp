@@ -1,0 +1,117 @@
+#include <optional>
+
+#include "rilutil.h"
+#include "services/bus_object.h"
+
+namespace tavrik::sim {
+
+namespace {
+
+// Errors of the RIL interface.
+enum : int32_t { ril_success = 0, ril_generic_failure = 2 };
+
+struct RilReply {
+    int32_t error = ril_success;
+    std::optional<std::string> data;
+};
+
+// Payload numbers are little-endian, whatever the machine.
+std::string int32_bytes(uint32_t value) {
+    std::string bytes;
+    for (int shift = 0; shift < 32; shift += 8)
+        bytes += static_cast<char>(value >> shift & 0xFF);
+    return bytes;
+}
+
+std::optional<int32_t> int32_in(std::string_view bytes) {
+    if (bytes.size() != 4)
+        return {};
+    uint32_t value = 0;
+    for (size_t i = 4; i--;)
+        value = value << 8 | static_cast<unsigned char>(bytes[i]);
+    return static_cast<int32_t>(value);
+}
+
+RilReply get_imei(Modem &modem, std::string_view) {
+    return {ril_success, modem.state().imei};
+}
+
+RilReply get_mode(Modem &modem, std::string_view) {
+    return {ril_success, int32_bytes(static_cast<uint32_t>(modem.state().mode))};
+}
+
+RilReply set_mode(Modem &modem, std::string_view payload) {
+    std::optional<int32_t> mode = int32_in(payload);
+    if (!mode)
+        return {ril_generic_failure, {}};
+    modem.state().mode = *mode;
+    return {};
+}
+
+const struct {
+    uint32_t id;
+    RilReply (*serve)(Modem &modem, std::string_view payload);
+} ril_requests[] = {
+    {38, get_imei},
+    {537, get_mode},
+    {538, set_mode},
+};
+
+// A request without a row is carried back to its sender: its number is its answer.
+RilReply serve_request(Modem &modem, uint32_t id, std::string_view payload) {
+    for (auto &row : ril_requests)
+        if (row.id == id)
+            return row.serve(modem, payload);
+    return {ril_success, int32_bytes(id)};
+}
+
+class Ril : public BusObject {
+  public:
+    explicit Ril(Context &context) : BusObject(context, "ril", {"ril_request"}) { blob_buf_init(&message_, 0); }
+    ~Ril() override { blob_buf_free(&message_); }
+    std::string_view effects() const override {
+        return "delay drop raw hex error id data status times close freeze refuse stop restart";
+    }
+
+  protected:
+    int serve(ubus_request_data *request, const char *method, blob_attr *message) override;
+
+  private:
+    blob_buf message_{};
+};
+
+int Ril::serve(ubus_request_data *request, const char *, blob_attr *message) {
+    uint32_t id = 0;
+    const void *data = nullptr;
+    size_t length = 0;
+    if (!message || rilutil_parse_request(message, &id, &data, &length))
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    context_.record.add_ril(id, data, length);
+    const Fault *fault = context_.faults.meet("ril", std::to_string(id));
+    RilReply reply;
+    if (fault && fault->ril_error)
+        reply.error = *fault->ril_error; // a request that fails changes nothing
+    else
+        reply = serve_request(context_.modem, id, {static_cast<const char *>(data), length});
+    uint32_t reply_id = id;
+    if (fault) {
+        reply_id = fault->ril_id.value_or(id);
+        if (fault->data)
+            reply.data = fault->data;
+        if (fault->no_data)
+            reply.data.reset();
+    }
+    blob_buf_init(&message_, 0);
+    if (rilutil_make_reply(&message_, reply_id, reply.error, reply.data ? reply.data->data() : nullptr,
+                           reply.data ? reply.data->size() : 0))
+        return UBUS_STATUS_NO_MEMORY;
+    return answer(request, {fields_of(message_), 0}, fault);
+}
+
+} // namespace
+
+std::unique_ptr<Service> make_ril(Context &context) {
+    return std::make_unique<Ril>(context);
+}
+
+} // namespace tavrik::sim

@@ -1,0 +1,21 @@
+#include "services/context.h"
+
+namespace tavrik::sim {
+
+const ServiceRow service_rows[] = {
+    {"bus", make_bus_daemon, false}, {"at", make_at_server, false},          {"atind", make_indication_server, false},
+    {"ril", make_ril, true},         {"tavrik.sim", make_bus_control, true}, {nullptr, nullptr, false},
+};
+
+nlohmann::json Service::describe() const {
+    return nlohmann::json::object();
+}
+
+std::string Context::obey(std::string_view command) {
+    RuleTable::Reply reply = rules.answer(command, modem);
+    for (RuleTable::Later &later : reply.later)
+        clock.after(later.after_ms, [this, line = std::move(later.line)] { modem.unsolicited(line); });
+    return std::move(reply.text);
+}
+
+} // namespace tavrik::sim

@@ -1,0 +1,92 @@
+#!/bin/bash
+# What tavrikctl prints and how it ends, outside of a module and inside a simulated one.
+#   tavrikctl.sh BUILD-FOLDER
+set -u
+build=$1
+failed=0
+errors=$(mktemp)
+trap 'rm -f "$errors"' EXIT
+
+expect() { # EXIT-CODE STDOUT ARGUMENT...
+  local code=$1 wanted=$2 printed status
+  shift 2
+  printed=$("$build/tavrikctl" "$@" 2>"$errors")
+  status=$?
+  if [ $status != "$code" ] || [ "$printed" != "$wanted" ]; then
+    echo "tavrikctl $*: $status, not $code" && diff <(echo "$wanted") <(echo "$printed")
+    cat "$errors"
+    failed=1
+  fi
+}
+errors_match() { # PATTERN: all that went to standard error, on one line
+  [[ $(tr '\n' '|' <"$errors") =~ $1 ]] || { echo "standard error is not '$1':" && cat "$errors" && failed=1; }
+}
+sim() { "$build/tavrik-sim" call "$@"; }
+
+if [ -z "${TAVRIK_SIM:-}" ]; then # outside
+  expect 2 ''
+  expect 2 '' nosuch
+  expect 2 '' dm
+  expect 2 '' dm nosuch
+  expect 2 '' dm mode sideways
+  expect 2 '' at
+  expect 2 '' at AT --timeout soon
+  expect 2 '' at AT --timeout -1
+  expect 2 '' --log 4 dm info
+  expect 2 '' log test
+  for verb in 'dm info' 'dm mode' 'at' 'log test'; do
+    # shellcheck disable=SC2086 # two words
+    "$build/tavrikctl" $verb --help | grep -q '^Usage: tavrikctl' || { echo "$verb: no help" && failed=1; }
+  done
+  for arguments in 'dm info' '--json dm mode' 'at AT --expect OK' '--log 0 dm mode online'; do
+    # shellcheck disable=SC2086 # several words
+    expect 1 '' $arguments
+    errors_match '^tavrikctl: no module here[^|]*\|$'
+  done
+
+  "$build/tavrikctl" log test 0 2>"$errors" | sed 's/[0-9]*]/]/' | diff - <(printf '[sdklog %s:Tavrik_Log_Test:]:log test\n' err warn info debug) ||
+    failed=1
+  TAVRIK_LOG_LEVEL=debug expect 0 '' log test 1
+  errors_match '^(\[[0-9]+\]\[Tavrik_Log_Test:[0-9]+\]:log test\|){4}$'
+
+  "$build/tavrik-sim" run -- "$0" "$build" || failed=1
+  exit $failed
+fi
+
+sim state '{"manufacturer": "Maker", "model": "M \"1\"", "revision": "R1", "imei": "123456789012345"}' >/dev/null
+expect 0 'Manufacturer: Maker
+Model: M "1"
+Revision: R1
+IMEI: 123456789012345' dm info
+expect 0 '{"manufacturer":"Maker","model":"M \"1\"","revision":"R1","imei":"123456789012345"}' --json dm info
+
+expect 0 'Phone mode: online' dm mode
+expect 0 'Phone mode: offline' dm mode offline
+expect 0 '{"mode":"offline"}' dm mode --json
+expect 0 '{"mode":"online"}' dm mode online --json
+expect 0 'Phone mode: online' dm mode
+sim state '{"mode": 4}' >/dev/null
+expect 0 'Phone mode: other' dm mode
+
+expect 0 $'+ECHO: a, b\nOK' at 'AT+ECHO=a, b'
+expect 0 '{"response":["+ECHO: \"\"","OK"]}' --json at 'AT+ECHO=""'
+expect 0 $'{"response":["+ECHO: \xef\xbf\xbd","OK"]}' --json at $'AT+ECHO=\xff'
+expect 0 $'+ECHO: from stdin\nOK' at - < <(echo 'AT+ECHO=from stdin')
+expect 0 $'+ECHO: x\nOK' at --expect +ECHO: AT+ECHO=x
+expect 1 'ERROR' at AT+NOSUCH
+expect 1 '' at A
+errors_match 'input error\|tavrikctl: at: failed\|$'
+
+# The library's lines in mode 0 leave what scripts read alone.
+expect 1 '{"response":["ERROR"]}' --log 0 --json at AT+NOSUCH
+errors_match '^\[sdklog err:Tavrik_AT_Send:[0-9]+\]:response error\|tavrikctl: at: failed\|$'
+
+# One way fails: what came by the other is printed all the same.
+sim fault '{"service": "ril", "match": "38", "drop": true}' >/dev/null
+expect 1 $'Manufacturer: Maker\nModel: M "1"\nRevision: R1' dm info
+sim reset >/dev/null
+
+expect 0 '' log test 3
+kernel=$(sim record '{"kind": "kmsg"}' | sed -n 's/.*"text": "\(.*\)".*/\1/p' | sed 's/\[[0-9]*\]\[\(.*\):[0-9]*\]/\1/')
+[ "$kernel" = "$(printf '%s:Tavrik_Log_Test:log test \n' err warn info debug)" ] || { echo "kernel log: $kernel" && failed=1; }
+exit $failed
