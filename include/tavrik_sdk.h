@@ -1547,6 +1547,75 @@ TAVRIK_API int code_convert_utf8_to_unicodeStr(const char *utf8, int count, char
 
 #endif
 
+/** Kinds of received messages. */
+enum {
+    TAVRIK_SMS_DELIVER = 1,
+    TAVRIK_SMS_REPORT = 2 /**< tells what became of a message that was sent */
+};
+
+#define TAVRIK_SMS_NO_TIME INT64_MIN
+
+/** All that a received message says. -1 stands for what it does not say, unless another value is stated. */
+typedef struct Tavrik_SmsDetail {
+    uint32_t size;            /**< sizeof(Tavrik_SmsDetail), set by the caller */
+    int32_t type;             /**< TAVRIK_SMS_DELIVER or TAVRIK_SMS_REPORT */
+    int64_t time;             /**< when the service centre got it: seconds since 1970-01-01 UTC, or TAVRIK_SMS_NO_TIME */
+    int64_t discharge_time;   /**< of a report: when the outcome was known; as `time` */
+    int32_t zone;             /**< minutes by which the service centre's local time is ahead of UTC; 0 without a time */
+    int32_t discharge_zone;   /**< the same for `discharge_time` */
+    int32_t encoding;         /**< TAVRIK_SMS_7BIT, _8BIT (data, and compressed text) or _UCS2 */
+    int32_t message_class;    /**< 0 to 3; 0 is shown at once and not stored */
+    int32_t protocol;         /**< protocol identifier (3GPP TS 23.040, clause 9.2.3.9) */
+    int32_t source_port;      /**< application port, 0 to 65535 */
+    int32_t destination_port; /**< application port, 0 to 65535 */
+    int32_t reference;        /**< shared by the parts of a longer message, 0 to 65535 */
+    int32_t sequence;         /**< number of this part, 1 to `total`; 0 when it is no part */
+    int32_t total;            /**< number of parts, 1 to 255; 0 when it is no part */
+    int32_t message_reference; /**< of a report: that of the message sent, 0 to 255 */
+    int32_t status;            /**< of a report: 0 to 255 (3GPP TS 23.040, clause 9.2.3.15); 0 is delivered */
+    int32_t length;            /**< bytes of `text`, without its terminating zero */
+    /** A part may end within a surrogate pair, with its first half: the half, else 0. `text` then ends with U+FFFD. */
+    uint16_t last_half;
+    uint16_t first_half; /**< the same for the second half of a pair with which the part begins */
+    char number[64];     /**< sender, "+4917..." or a name in UTF-8; of a report: the recipient */
+    char text[512];      /**< UTF-8, of 8-bit data the bytes; a zero follows */
+} Tavrik_SmsDetail;
+
+/**
+ * Tells all that a received PDU says.
+ *
+ * Standard: 3GPP TS 23.040 clause 9.2, TS 23.038 clauses 4 and 6 and Annex A: the default alphabet with its extension
+ * table, and the locking and single shift tables of all national languages.
+ *
+ * @param pdu             hexadecimal text of a whole SMS-DELIVER or SMS-STATUS-REPORT, the service centre's address (or
+ *                        its length 0) in front, at most 512 characters.
+ * @param[in,out] detail  `size` is set by the caller and stays; the rest is unchanged on failure.
+ * @return 0; -1 when an argument is NULL or `size` is too small, and when `pdu` is no such message, is cut off or
+ *         contradicts itself.
+ *
+ * Blocks: never, but for the log. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_SMS_Decode(const char *pdu, Tavrik_SmsDetail *detail);
+
+/** How long parts of a message wait for the others, counted from the last one that came. */
+#define TAVRIK_SMS_JOIN_SECONDS 3600
+
+/**
+ * Joins the parts of longer messages: give it each message that came, and it returns each whole text.
+ *
+ * Parts may come in any order. Those of the same sender, reference and number of parts belong together; one that comes
+ * twice replaces the first. At most 32 messages wait for parts: for one more, the one gives way that waited longest.
+ *
+ * @param detail       as Tavrik_SMS_Decode() fills it. A message in one part, and a report, is whole by itself.
+ * @param[out] text    with result 1 the whole text with a terminating zero, to be released with free(); else NULL.
+ * @param[out] length  bytes of the text, without the terminating zero; NULL when it is not wanted.
+ * @return 1 when a message is whole; 0 when parts are missing; -1 when `detail` or `text` is NULL, `detail` is not one
+ *         of Tavrik_SMS_Decode(), and without memory.
+ *
+ * Blocks: never, but for the log. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_SMS_Join(const Tavrik_SmsDetail *detail, char **text, int32_t *length);
+
 #ifdef __cplusplus
 }
 #endif

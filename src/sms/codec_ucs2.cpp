@@ -1,5 +1,6 @@
 // UCS-2 text, from and to UTF-8, and plain octets.
 #include "core/log.h"
+#include "sms/utf8.h"
 #include "tavrik_sdk.h"
 
 #include <string.h>
@@ -20,17 +21,7 @@ int convert_ucs2_to_utf8(const uint8_t *ucs2, int count, char *utf8, int32_t *le
         const unsigned unit = unsigned(ucs2[i]) << 8 | ucs2[i + 1];
         if (!unit)
             break;
-        if (unit < 0x80) {
-            *out++ = char(unit);
-            continue;
-        }
-        if (unit < 0x800) {
-            *out++ = char(0xC0 | unit >> 6);
-        } else {
-            *out++ = char(0xE0 | unit >> 12);
-            *out++ = char(0x80 | (unit >> 6 & 0x3F));
-        }
-        *out++ = char(0x80 | (unit & 0x3F));
+        out = tavrik::put_utf8(out, unit);
     }
     *out = 0;
     *length = int32_t(out - utf8);
