@@ -583,12 +583,6 @@ typedef struct Tavrik_DataEvent {
     uint8_t reserved[20]; /**< 0 */
 } Tavrik_DataEvent;
 
-/** An eCall report: *ECALLDATA, or the end of the call. */
-typedef struct Tavrik_EcallEvent {
-    int32_t value;    /**< first field behind *ECALLDATA, 0 when it is no number; -1 the call has ended */
-    const char *text; /**< next field, or the cause of the end; NULL when there is none */
-} Tavrik_EcallEvent;
-
 struct Tavrik_CallList;
 
 /**
@@ -598,7 +592,10 @@ struct Tavrik_CallList;
 typedef void (*Tavrik_SmsCb)(int event, void *data);
 typedef void (*Tavrik_CallCb)(const struct Tavrik_CallList *calls);
 typedef void (*Tavrik_DataCb)(const Tavrik_DataEvent *event);
-/** `value` and `*text` as in Tavrik_EcallEvent; `text` itself is never NULL. */
+/**
+ * An eCall report: `value` is the first field behind *ECALLDATA, 0 when that is no number, and `*text` the next field.
+ * Or the eCall has ended (+CALLDISCONNECT): `value` is -1 and `*text` the cause. `*text` is NULL when there is none.
+ */
 typedef void (*Tavrik_EcallCb)(int32_t value, const char *const *text);
 typedef void (*Tavrik_NwCb)(const Tavrik_NwEvent *event);
 typedef void (*Tavrik_SimCb)(const Tavrik_SimEvent *event);
@@ -673,7 +670,8 @@ TAVRIK_API int Tavrik_Indication_State(void);
  * tavrik_indication_register().
  *
  * @param event  0 SMS (`record` is an SmsMessage that now belongs to the handler), 1 voice call, 2 and 4 data call,
- *               3 eCall (a Tavrik_EcallEvent), 5 network, 6 SIM, 7 and 8 cell and signal.
+ *               3 eCall (an int32_t and a const char *, the value and the text), 5 network, 6 SIM, 7 and 8 cell and
+ *               signal.
  * @param record of that event, valid during the call.
  */
 typedef void (*Tavrik_IndicationHandler)(int event, void *record);

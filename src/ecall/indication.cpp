@@ -21,7 +21,7 @@ int on_ecall_info_changed(char *line) {
     char *cursor = strstr(line, kPrefix) + strlen(kPrefix);
     if (*cursor == ':')
         ++cursor;
-    Tavrik_EcallEvent event = {};
+    EcallEvent event = {};
     char *text = nullptr;
     at_tok_nextint(&cursor, &event.value);
     if (at_tok_hasmore(&cursor))
@@ -34,7 +34,7 @@ int on_ecall_info_changed(char *line) {
 void on_ecall_disconnected(const char *cause) {
     if (!g_reported.exchange(false))
         return;
-    Tavrik_EcallEvent event = {-1, cause};
+    EcallEvent event = {-1, cause};
     deliver(kSlotEcall, kEcallEvent, &event);
 }
 

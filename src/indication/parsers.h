@@ -2,7 +2,15 @@
 // family that owns the record, and the way of a record to the application.
 #pragma once
 
+#include <stdint.h>
+
 namespace tavrik {
+
+// The record of eCall's event.
+struct EcallEvent {
+    int32_t value;
+    const char *text; // or NULL
+};
 
 // Slots of handlers and callbacks.
 enum Slot { kSlotSms, kSlotVoice, kSlotEcall, kSlotCell, kSlotNetwork, kSlotSim, kSlotData, kSlotCount };

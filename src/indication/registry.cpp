@@ -41,7 +41,7 @@ void tavrik_ind_message_handle(int event, void *record) {
         break;
     case kEcall:
         if (auto callback = callback_of<Tavrik_EcallCb>(kSlotEcall)) {
-            const auto copy = *static_cast<const Tavrik_EcallEvent *>(record);
+            const auto copy = *static_cast<const EcallEvent *>(record);
             callback(copy.value, &copy.text);
         }
         break;

@@ -14,11 +14,11 @@
 
 class FakeAtServer {
   public:
-    explicit FakeAtServer(int backlog = 8) {
+    explicit FakeAtServer(int backlog = 8, const char *path = kPath) : path_(path) {
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
-        strcpy(address.sun_path, kPath);
-        unlink(kPath);
+        strcpy(address.sun_path, path);
+        unlink(path);
         listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
         EXPECT_EQ(listen(listener_, backlog), 0);
@@ -26,7 +26,7 @@ class FakeAtServer {
     ~FakeAtServer() {
         hang_up();
         close(listener_);
-        unlink(kPath);
+        unlink(path_);
     }
 
     static constexpr char kPath[] = "/tmp/atcmdsdk";
@@ -71,6 +71,7 @@ class FakeAtServer {
     }
 
   private:
+    const char *const path_;
     int listener_ = -1;
     int client_ = -1;
 };

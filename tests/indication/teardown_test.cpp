@@ -1,0 +1,211 @@
+// Deregistering while callbacks run: what waits for what, and what does not.
+#include "indication/events.h"
+
+extern "C" {
+#include <libubox/uloop.h>
+}
+
+#include <atomic>
+#include <future>
+#include <thread>
+
+using namespace ind;
+using namespace std::chrono_literals;
+
+namespace {
+
+int64_t now_ms() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// Milliseconds that a call takes.
+template <class Call>
+int64_t duration(Call call) {
+    const int64_t start = now_ms();
+    call();
+    return now_ms() - start;
+}
+
+class Event {
+  public:
+    void set() { promise_.set_value(); }
+    void wait() { EXPECT_EQ(future_.wait_for(20s), std::future_status::ready); }
+
+  private:
+    std::promise<void> promise_;
+    std::shared_future<void> future_ = promise_.get_future().share();
+};
+
+class Teardown : public Indication {};
+
+TEST_F(Teardown, waits_for_a_running_callback) {
+    for (const bool everything : {false, true}) {
+        add_all();
+        Event inside;
+        std::atomic<bool> ended{false};
+        g_inside = [&](const std::string &) {
+            inside.set();
+            usleep(200000);
+            ended = true;
+        };
+        server.answer("+CREG: 1\r\n+CREG: 2\r\n");
+        inside.wait();
+        EXPECT_EQ(everything ? tavrik_indication_deregister() : tavrik_indication_nwderegister(), 0);
+        EXPECT_TRUE(ended);
+        g_inside = nullptr;
+        on_at_indication_report("+CREG: 3");
+        EXPECT_EQ(events(), Texts{"nw 1 1f 0 0"});
+        tavrik_indication_deregister();
+    }
+}
+
+// A callback may end its own registration, or everything, and begin anew.
+TEST_F(Teardown, inside_the_callback) {
+    add_all();
+    g_inside = [](const std::string &event) {
+        if (event[0] == 'n')
+            tavrik_indication_nwderegister();
+    };
+    server.answer("+CREG: 1\r\n+CREG: 2\r\n+CPIN: READY\r\n");
+    EXPECT_EQ(events("sim 6 64: 1 1 -2147483648 READY").size(), 2u);
+
+    g_inside = [](const std::string &event) {
+        if (event[0] != 's')
+            return;
+        tavrik_indication_deregister();
+        EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_NONE);
+        EXPECT_EQ(add(TAVRIK_IND_NETWORK), 0);
+        EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_CONNECTED);
+        usleep(100000); // the new thread's callbacks wait for this one
+    };
+    server.answer("+CPIN: SIM PIN\r\n+CPIN: READY\r\n");
+    ASSERT_TRUE(server.accept_client());
+    server.answer("+CREG: 1\r\n");
+    EXPECT_EQ(events("nw 1 1f 0 0"), (Texts{"sim 6 64: 2 1 -2147483648 SIM PIN", "nw 1 1f 0 0"}));
+
+    g_inside = [](const std::string &) { tavrik_indication_uimderegister(); }; // the last one
+    server.answer("+CREG: 2\r\n+CREG: 3\r\n");
+    EXPECT_EQ(events("nw 2 1f 0 0"), Texts{"nw 2 1f 0 0"});
+    EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_NONE);
+}
+
+TEST_F(Teardown, left_behind) {
+    for (const bool everything : {false, true}) {
+        add_all();
+        Event inside, release, back;
+        g_inside = [&](const std::string &event) {
+            if (event[0] != 'n')
+                return;
+            inside.set();
+            release.wait();
+            EXPECT_EQ(tavrik_indication_nwderegister(), 0); // nothing to wait for
+            on_at_indication_report("+CPIN: SIM PUK");      // delivers nothing more
+            back.set();
+        };
+        server.answer("+CREG: 1\r\n+CREG: 2\r\n+CLCC: 1,0,0,0,0\r\n+CPIN: READY\r\n+CPIN: RE");
+        inside.wait();
+        int64_t took = 0;
+        const std::string log = logged(
+            [&] { took = duration(everything ? tavrik_indication_deregister : tavrik_indication_nwderegister); });
+        EXPECT_GE(took, 1995);
+        EXPECT_EQ(count(log, "left behind"), 1u) << log;
+        if (everything) {
+            EXPECT_EQ(events(), Texts());
+            EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_NONE);
+            char byte;
+            EXPECT_EQ(recv(server.client(), &byte, 1, 0), 0); // the connection does not hang on
+            ASSERT_EQ(add(TAVRIK_IND_SIM), 0);
+            ASSERT_TRUE(server.accept_client());
+        } else {
+            // the others go on behind the line that hangs, over the same connection
+            EXPECT_EQ(events("sim 6 64: 1 1 -2147483648 READY"),
+                      (Texts{"call 1: 1 1 3 ", "sim 6 64: 1 1 -2147483648 READY"}));
+            EXPECT_LT(duration(tavrik_indication_nwderegister), 1000); // not waited for again
+            ASSERT_EQ(add(TAVRIK_IND_CELL), 0);
+        }
+        server.answer("+CREG: 3\r\n+CPIN: SIM PIN\r\n");
+        EXPECT_EQ(events("sim 6 64: 2 1 -2147483648 SIM PIN").size(), 1u);
+        release.set();
+        back.wait();
+        EXPECT_EQ(events("nw 1 1f 0 0").size(), 1u); // the callback's own end
+        server.answer("+CREG: 4\r\n+CPIN: READY\r\n");
+        EXPECT_EQ(events("sim 6 64: 1 1 -2147483648 READY").size(), 1u);
+        g_inside = nullptr;
+        tavrik_indication_deregister();
+    }
+}
+
+// Two callbacks on two threads, each of which ends the other's registration, and stays until both have done it.
+TEST_F(Teardown, of_each_other) {
+    for (const bool everything : {false, true}) {
+        add_all();
+        Event network_inside, sim_inside, network_done, sim_done;
+        std::atomic<int64_t> longest{0};
+        g_inside = [&](const std::string &event) {
+            const bool network = event[0] == 'n';
+            (network ? network_inside : sim_inside).set();
+            (network ? sim_inside : network_inside).wait();
+            const int64_t took = duration(everything ? tavrik_indication_deregister
+                                          : network  ? tavrik_indication_uimderegister
+                                                     : tavrik_indication_nwderegister);
+            longest = std::max(longest.load(), took);
+            (network ? network_done : sim_done).set();
+            (network ? sim_done : network_done).wait();
+        };
+        server.answer("+CREG: 1\r\n");
+        std::thread other([] { on_at_indication_report("+CPIN: READY"); });
+        other.join();
+        EXPECT_EQ(events("nw 1 1f 0 0").size(), 2u);
+        EXPECT_LT(longest, 1500);
+        g_inside = nullptr;
+        tavrik_indication_deregister();
+    }
+}
+
+// The last registration ends in a callback, which waits for the loop thread, while the loop thread ends the callback's.
+TEST_F(Teardown, with_the_loop_thread) {
+    ASSERT_EQ(add(TAVRIK_IND_NETWORK), 0);
+    ASSERT_TRUE(server.accept_client());
+    static Event network_inside, loop_inside;
+    static std::atomic<int64_t> loop_took{0};
+    uloop_timeout timeout = {};
+    timeout.cb = [](uloop_timeout *) {
+        loop_inside.set();
+        network_inside.wait();
+        loop_took = duration(tavrik_indication_deregister);
+    };
+    int64_t took = 0;
+    g_inside = [&](const std::string &) {
+        network_inside.set();
+        loop_inside.wait();
+        took = duration(tavrik_indication_smsderegister);
+    };
+    ASSERT_EQ(tavrik_ubus_init(), 0);
+    tavrik_ubus_lock();
+    uloop_timeout_set(&timeout, 0);
+    tavrik_ubus_unlock();
+    ASSERT_EQ(tavrik_ubus_thread_init(), 0);
+    server.answer("+CREG: 1\r\n");
+    EXPECT_EQ(events("nw 1 1f 0 0").size(), 1u);
+    EXPECT_LT(took, 1500);
+    EXPECT_LT(loop_took, 1500);
+}
+
+TEST_F(Teardown, starts_again) {
+    for (int round = 0; round < 200; ++round) {
+        add_all();
+        server.answer("+CREG: 1\r\n");
+        ASSERT_EQ(events("nw 1 1f 0 0").size(), 1u);
+        const bool hang_up = round % 20 == 0;
+        if (hang_up)
+            server.hang_up();
+        tavrik_indication_deregister();
+        if (!hang_up) {
+            char byte;
+            ASSERT_EQ(recv(server.client(), &byte, 1, 0), 0); // its end of the connection is closed
+        }
+    }
+}
+
+} // namespace
