@@ -88,5 +88,5 @@ sim reset >/dev/null
 
 expect 0 '' log test 3
 kernel=$(sim record '{"kind": "kmsg"}' | sed -n 's/.*"text": "\(.*\)".*/\1/p' | sed 's/\[[0-9]*\]\[\(.*\):[0-9]*\]/\1/')
-[ "$kernel" = "$(printf '%s:Tavrik_Log_Test:log test \n' err warn info debug)" ] || { echo "kernel log: $kernel" && failed=1; }
+[ "$kernel" = "$(printf '%s:Tavrik_Log_Test:log test\n' err warn info debug)" ] || { echo "kernel log: $kernel" && failed=1; }
 exit $failed

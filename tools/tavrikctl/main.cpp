@@ -69,7 +69,7 @@ int run(const Verb &verb, const Arguments &arguments, const Arguments &options) 
         // The library prints to descriptor 1: what scripts read moves away from it, and it joins standard error.
         const int ours = dup(STDOUT_FILENO);
         file = ours < 0 ? nullptr : fdopen(ours, "w");
-        if (!file || dup2(STDERR_FILENO, STDOUT_FILENO) < 0)
+        if (!file || dup2(STDERR_FILENO, STDOUT_FILENO) < 0 || setvbuf(stdout, nullptr, _IOLBF, 0) != 0)
             return fail("cannot divert standard output"), kFailed;
     }
     if (verb.needs_module && !on_module())
