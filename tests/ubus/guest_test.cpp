@@ -26,7 +26,8 @@ struct Dispositions {
     }
     bool operator==(const Dispositions &other) const {
         for (int i = 0; i < 5; i++)
-            if (of[i].sa_handler != other.of[i].sa_handler || ((of[i].sa_flags ^ other.of[i].sa_flags) & ~0x04000000)) // SA_RESTORER, the C library's own
+            if (of[i].sa_handler != other.of[i].sa_handler ||
+                ((of[i].sa_flags ^ other.of[i].sa_flags) & ~0x04000000)) // SA_RESTORER, the C library's own
                 return false;
         return true;
     }
@@ -42,13 +43,19 @@ std::vector<int> descriptors() {
     return all;
 }
 
-// Another process of this program, in the one case that only makes sense there.
+// Another process of this program, in the one case that only makes sense there. TAVRIK_EMULATOR is what a program of
+// another machine is started with.
 pid_t start_case(const char *name) {
-    const std::string filter = std::string("--gtest_filter=") + name;
-    const char *const arguments[] = {"case", filter.c_str(), "--gtest_also_run_disabled_tests", "--gtest_output=json:/dev/null",
-                                     nullptr};
+    const char *const emulator = getenv("TAVRIK_EMULATOR");
+    char program[PATH_MAX] = "";
+    if (readlink("/proc/self/exe", program, sizeof program - 1) < 0)
+        return -1;
+    const std::string command = std::string("exec ") + (emulator ? emulator : "") + " '" + program +
+                                "' --gtest_filter=" + name +
+                                " --gtest_also_run_disabled_tests --gtest_output=json:/dev/null";
+    const char *const arguments[] = {"sh", "-c", command.c_str(), nullptr};
     pid_t pid = -1;
-    posix_spawn(&pid, "/proc/self/exe", nullptr, nullptr, const_cast<char *const *>(arguments), environ);
+    posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char *const *>(arguments), environ);
     return pid;
 }
 
