@@ -326,25 +326,29 @@ int ubus_reconnect(struct ubus_context *ctx, const char *path) {
     struct {
         struct ubus_msghdr hdr;
         uint32_t id_len;
-    } hello;
+    } hello = {.id_len = 0};
 
     if (ubus_context_is_channel(ctx))
         return -1;
     leave(ctx);
-    int fd = open_socket(path);
+    int fd = open_socket(path), none = -1;
     if (fd < 0)
         return UBUS_STATUS_CONNECTION_FAILED;
     ssize_t got;
     do
         got = read(fd, &hello, sizeof hello);
     while (got < 0 && errno == EINTR);
-    if (got != (ssize_t)sizeof hello || hello.hdr.version != 0 || hello.hdr.type != UBUS_MSG_HELLO ||
-        hello.hdr.peer <= UBUS_CLIENT_ID_CHANNEL || (be32_to_cpu(hello.id_len) & BLOB_ATTR_LEN_MASK) < 4) {
-        hostbus_close(&fd);
+    uint32_t length = be32_to_cpu(hello.id_len) & BLOB_ATTR_LEN_MASK;
+    ctx->sock.fd = fd;
+    bool good = got == (ssize_t)sizeof hello && hello.hdr.version == 0 && hello.hdr.type == UBUS_MSG_HELLO &&
+                hello.hdr.peer > UBUS_CLIENT_ID_CHANNEL && length >= 4 && length <= HOSTBUS_MAX_MESSAGE &&
+                skip(ctx, length - 4, &none);
+    hostbus_close(&none);
+    if (!good) {
+        leave(ctx);
         return UBUS_STATUS_UNKNOWN_ERROR;
     }
     ctx->local_id = hello.hdr.peer; // in wire order, as libubus keeps it
-    ctx->sock.fd = fd;
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
     hostbus_add_all_again(ctx);
     hostbus_auto_subscribe_again(ctx);
@@ -395,6 +399,7 @@ void ubus_shutdown(struct ubus_context *ctx) {
     blob_buf_free(&hostbus_builder);
     if (!ctx)
         return;
+    hostbus_acl_shutdown(ctx);
     leave(ctx);
     uloop_timeout_cancel(&ctx->pending_timer);
     hostbus_drop_kept(&ctx->pending);
