@@ -23,6 +23,7 @@ class BusObject : public Service {
         return "delay drop raw hex status times close freeze refuse stop restart";
     }
     void stand(const Standing &standing) override;
+    nlohmann::json describe() const override { return {{"connected", link_ == Link::up}}; }
     void close_connections() override { lose(); }
     void discard_replies() override { delayed_.clear(); }
 
