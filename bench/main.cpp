@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -17,11 +18,11 @@ double at(std::vector<double> sorted, double part) {
     return sorted[size_t(part * double(sorted.size() - 1) + 0.5)];
 }
 
-// Of one operation, or operations a second; below 0 when one went wrong.
+// Of one operation, or operations a second; no number when one went wrong.
 double measure(const bench::Row &row, const std::function<bool(int)> &run) {
     const double start = bench::clock_ns();
     if (!run(row.operations))
-        return -1;
+        return NAN;
     const double ns = (bench::clock_ns() - start) / row.operations - row.wanted_ns;
     return row.unit == "ns" ? ns : 1e9 / ns;
 }
@@ -33,7 +34,7 @@ bool run(const bench::Row &row, bool json) {
         for (int turn = 0; turn < 2; turn++) {
             const bool mine = (block + turn) % 2;
             one[mine] = measure(row, mine ? row.ours : row.base);
-            if (one[mine] < 0) {
+            if (std::isnan(one[mine])) {
                 fprintf(stderr, "%s: %s went wrong\n", row.name.c_str(), mine ? "ours" : "base");
                 return false;
             }
