@@ -49,7 +49,10 @@ write_basic_package_version_file(packaging/TavrikConfigVersion.cmake COMPATIBILI
 install(FILES ${PROJECT_BINARY_DIR}/packaging/TavrikConfig.cmake
   ${PROJECT_BINARY_DIR}/packaging/TavrikConfigVersion.cmake DESTINATION ${cmake_folder})
 
-install(FILES LICENSE README.md CHANGELOG.md docs/licenses.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tavriksdk)
+set(doc_folder ${CMAKE_INSTALL_DATADIR}/doc/tavriksdk)
+install(FILES LICENSE README.md CHANGELOG.md DESTINATION ${doc_folder})
+install(DIRECTORY docs DESTINATION ${doc_folder})
+install(DIRECTORY examples DESTINATION ${doc_folder} FILES_MATCHING PATTERN "*.c")
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME tavriksdk)

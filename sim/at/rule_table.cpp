@@ -14,6 +14,8 @@ extern const char *const built_in_rules[]; // each a JSON array; the last one is
 
 namespace {
 
+constexpr uint64_t max_later_ms = uint64_t(1000) * 24 * 3600 * 1000;
+
 // A text with places to fill: the literal part in front of each, and the rest.
 struct Template {
     struct Place {
@@ -196,8 +198,10 @@ void RuleTable::add(const json &rules) {
                     check_kind(value.is_array(), "an array");
                     for (const json &one : value) {
                         check_kind(one.is_object() && one.contains("line"), "an object with \"line\"");
-                        check_kind(one.value("after", json(0)).is_number_unsigned(), "a number of ms in \"after\"");
-                        rule.later.emplace_back(one.value("after", 0), template_in(one["line"]));
+                        json after = one.value("after", json(0u));
+                        check_kind(after.is_number_unsigned() && after.get<uint64_t>() <= max_later_ms,
+                                   "a number of ms in \"after\"");
+                        rule.later.emplace_back(after.get<int64_t>(), template_in(one["line"]));
                     }
                 } else if (key != "command" && key != "about") {
                     throw std::invalid_argument("unknown key");

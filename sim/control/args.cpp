@@ -116,6 +116,15 @@ void Args::finish() const {
             throw std::invalid_argument("unknown argument \"" + key + "\"");
 }
 
+json parse_json(const std::string &text) {
+    constexpr int max_depth = 64;
+    return json::parse(text, [](int depth, json::parse_event_t, json &) {
+        if (depth > max_depth)
+            throw std::invalid_argument("nested too deeply");
+        return true;
+    });
+}
+
 std::string to_hex(const std::string &bytes) {
     static const char digits[] = "0123456789abcdef";
     std::string text;

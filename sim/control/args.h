@@ -42,6 +42,10 @@ class Args {
     std::set<std::string> taken_;
 };
 
+// Parses JSON that comes from outside. Throws std::exception when it is none, or nested more deeply than anything
+// sensible: values are copied and written by functions that call themselves.
+nlohmann::json parse_json(const std::string &text);
+
 std::string to_hex(const std::string &bytes);
 
 // "*" stands for any text. Everything else, "?" included, stands for itself.

@@ -1,3 +1,4 @@
+#include "control/args.h"
 #include "control/verbs.h"
 #include "services/bus_object.h"
 
@@ -30,20 +31,44 @@ class BusControl : public BusObject {
     void finish(ubus_request_data *request, const Outcome &outcome);
 };
 
+// Whether libubox, which calls itself for each level, can be trusted with it.
+bool is_flat_enough(void *fields, size_t length, int levels) {
+    blob_attr *field;
+    size_t left = length;
+    __blob_for_each_attr(field, fields, left) {
+        if (!blobmsg_check_attr(field, false))
+            return false;
+        bool nested = blobmsg_type(field) == BLOBMSG_TYPE_TABLE || blobmsg_type(field) == BLOBMSG_TYPE_ARRAY;
+        if (nested && (!levels || !is_flat_enough(blobmsg_data(field), blobmsg_data_len(field), levels - 1)))
+            return false;
+    }
+    return true;
+}
+
 json arguments_of(blob_attr *message) {
-    char *text = message ? blobmsg_format_json(message, true) : nullptr;
-    json args = text ? json::parse(text, nullptr, false) : json::object();
-    free(text);
-    return args;
+    if (!message)
+        return json::object();
+    if (!is_flat_enough(blob_data(message), blob_len(message), 16))
+        throw std::invalid_argument("nested too deeply, or no message");
+    std::unique_ptr<char, decltype(&free)> text(blobmsg_format_json(message, true), free);
+    return parse_json(text ? text.get() : "");
 }
 
 int BusControl::serve(ubus_request_data *request, const char *method, blob_attr *message) {
     auto waiting = std::make_shared<ubus_request_data>();
     ubus_defer_request(nullptr, request, waiting.get());
-    call(context_, method, arguments_of(message), [this, waiting, asked_by = connection()](const Outcome &outcome) {
+    Done done = [this, waiting, asked_by = connection()](const Outcome &outcome) {
         if (asked_by == connection())
             finish(waiting.get(), outcome);
-    });
+    };
+    json args;
+    try {
+        args = arguments_of(message);
+    } catch (const std::exception &error) {
+        done({{}, error.what()});
+        return 0;
+    }
+    call(context_, method, args, done);
     return 0;
 }
 

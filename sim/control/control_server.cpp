@@ -1,5 +1,6 @@
 #include "control/control_server.h"
 
+#include "control/args.h"
 #include "control/verbs.h"
 
 namespace tavrik::sim {
@@ -33,7 +34,12 @@ void ControlServer::serve(uint32_t number, const std::string &line) {
         client->send(reply.dump(-1, ' ', false, json::error_handler_t::replace) + "\n");
         client->resume();
     };
-    json request = json::parse(line, nullptr, false);
+    json request;
+    try {
+        request = parse_json(line);
+    } catch (const std::exception &error) {
+        return done({{}, error.what()});
+    }
     if (!request.is_object() || !request.contains("verb") || !request["verb"].is_string())
         return done({{}, "not an object with a \"verb\""});
     for (auto &[key, value] : request.items())

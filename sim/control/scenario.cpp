@@ -1,5 +1,7 @@
 #include "control/scenario.h"
 
+#include "control/args.h"
+
 #include <cmath>
 #include <fstream>
 #include <sstream>
@@ -38,7 +40,7 @@ Scenario Scenario::load(const std::string &path, Context &context) {
     Scenario scenario;
     std::string place;
     try {
-        json content = json::parse(text.str());
+        json content = parse_json(text.str());
         if (!content.is_object())
             throw std::invalid_argument("not an object");
         for (auto &[key, value] : content.items()) {

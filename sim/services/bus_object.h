@@ -23,6 +23,7 @@ class BusObject : public Service {
         return "delay drop raw hex status times close freeze refuse stop restart";
     }
     void stand(const Standing &standing) override;
+    nlohmann::json describe() const override { return {{"connected", link_ == Link::up}}; }
     void close_connections() override { lose(); }
     void discard_replies() override { delayed_.clear(); }
 
@@ -40,7 +41,7 @@ class BusObject : public Service {
     void send(ubus_request_data *request, const std::string &fields);
     void complete(ubus_request_data *request, int status);
     // Counts connections, so that late answers to requests of an earlier one can be told apart.
-    uint64_t connection() const { return connection_; }
+    uint64_t connection() const { return link_ == Link::up ? connection_ : 0; }
 
     Context &context_;
 

@@ -7,10 +7,11 @@
 namespace tavrik {
 namespace {
 
-struct Taken {
+struct Watched {
     int signal;
-    void (*handler)(int); // uloop's, once it was seen where the host had the default
-} g_taken[2] = {{SIGINT, nullptr}, {SIGTERM, nullptr}};
+    bool host_has_default; // seen before uloop was initialised: a handler of uloop's that stands later is not wanted
+    void (*strange)(int);  // the handler that was last found not to be uloop's
+} g_watched[2] = {{SIGINT, false, nullptr}, {SIGTERM, false, nullptr}};
 
 void *object_of(void *address) {
     Dl_info info;
@@ -21,56 +22,48 @@ bool is_default(const struct sigaction &action) {
     return !(action.sa_flags & SA_SIGINFO) && action.sa_handler == SIG_DFL;
 }
 
-bool is_uloops(const struct sigaction &action) {
-    if ((action.sa_flags & SA_SIGINFO) || action.sa_handler == SIG_DFL || action.sa_handler == SIG_IGN)
+// Is a handler of uloop's in force that the host did not ask for?
+bool must_go(Watched &watched) {
+    struct sigaction now;
+    if (!watched.host_has_default || sigaction(watched.signal, nullptr, &now) || (now.sa_flags & SA_SIGINFO) ||
+        now.sa_handler == SIG_DFL || now.sa_handler == SIG_IGN || now.sa_handler == watched.strange)
         return false;
-    void *object = object_of(reinterpret_cast<void *>(action.sa_handler));
-    return object && object == object_of(reinterpret_cast<void *>(uloop_init));
-}
-
-// Is the handler that was taken away in force again?
-bool stands(const Taken &taken, struct sigaction *now) {
-    return taken.handler && !sigaction(taken.signal, nullptr, now) && !(now->sa_flags & SA_SIGINFO) &&
-           now->sa_handler == taken.handler;
+    void *object = object_of(reinterpret_cast<void *>(now.sa_handler));
+    if (object && object == object_of(reinterpret_cast<void *>(uloop_init)))
+        return true;
+    watched.strange = now.sa_handler;
+    return false;
 }
 
 } // namespace
 
 void mend_host_signals() {
-    struct sigaction now;
-    for (const Taken &taken : g_taken) {
-        if (stands(taken, &now)) {
-            now.sa_handler = SIG_DFL;
-            sigaction(taken.signal, &now, nullptr);
-        }
-    }
+    struct sigaction standard = {};
+    standard.sa_handler = SIG_DFL;
+    for (Watched &watched : g_watched)
+        if (must_go(watched))
+            sigaction(watched.signal, &standard, nullptr);
 }
 
 void keep_host_signals() {
-    struct sigaction now;
-    for (Taken &taken : g_taken) {
-        if (stands(taken, &now))
-            taken.handler = nullptr;
-    }
+    for (Watched &watched : g_watched)
+        if (must_go(watched))
+            watched.host_has_default = false;
 }
 
 HostSignals::HostSignals() {
     // A running uloop would otherwise wait for, and so take away, every child of the host.
     uloop_handle_sigchld = false;
-    for (int i = 0; i < 2; i++)
-        sigaction(g_taken[i].signal, nullptr, &before_[i]);
+    for (Watched &watched : g_watched) {
+        struct sigaction before;
+        if (!sigaction(watched.signal, nullptr, &before) && is_default(before))
+            watched.host_has_default = true;
+    }
     sigaction(SIGPIPE, nullptr, &pipe_before_);
 }
 
 HostSignals::~HostSignals() {
-    for (int i = 0; i < 2; i++) {
-        struct sigaction now;
-        sigaction(g_taken[i].signal, nullptr, &now);
-        if (is_default(before_[i]) && is_uloops(now)) {
-            g_taken[i].handler = now.sa_handler;
-            sigaction(g_taken[i].signal, &before_[i], nullptr);
-        }
-    }
+    mend_host_signals();
     struct sigaction pipe;
     sigaction(SIGPIPE, nullptr, &pipe);
     if (is_default(pipe_before_) && !(pipe.sa_flags & SA_SIGINFO) && pipe.sa_handler == SIG_IGN)

@@ -17,7 +17,6 @@ class HostSignals {
     HostSignals &operator=(const HostSignals &) = delete;
 
   private:
-    struct sigaction before_[2];
     struct sigaction pipe_before_;
 };
 

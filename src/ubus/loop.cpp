@@ -103,9 +103,9 @@ void tavrik_ubus_deinit(void) {
     join_loop();
     drain_pool();
     BusHold hold(Deadline::in(kBusSetupMs));
-    if (!hold || !g_loop.initialised)
+    if (!hold)
         return;
-    uloop_done();
+    uloop_done(); // connecting has initialised it even where nobody asked for it
     g_loop.initialised = false;
 }
 

@@ -1,6 +1,4 @@
 // Where log lines go, and their exact shape there.
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -12,7 +10,9 @@
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
+#include <vector>
 
+#include "support/sim.h"
 #include "tavrik_sdk.h"
 
 namespace {
@@ -106,6 +106,39 @@ TEST_F(Log, ToSyslogWithPriorities) {
     Tavrik_Log_Test();
     EXPECT_EQ(plain(g_syslog), "3 [TID][Tavrik_Log_Test:N]:log test\n|4 [TID][Tavrik_Log_Test:N]:log test\n|"
                                "6 [TID][Tavrik_Log_Test:N]:log test\n|7 [TID][Tavrik_Log_Test:N]:log test\n|");
+}
+
+std::vector<std::string> kernel_lines() {
+    const nlohmann::json record = sim::call("record", {{"kind", "kmsg"}, {"clear", true}});
+    std::vector<std::string> lines;
+    for (const nlohmann::json &entry : record["entries"])
+        lines.push_back(plain(entry["text"]));
+    return lines;
+}
+
+TEST_F(Log, ToTheKernelLogThroughAShell) {
+    using Lines = std::vector<std::string>;
+    Tavrik_Switch_Log_Mode(TAVRIK_LOG_KERNEL);
+    sim::call("reset");
+    Tavrik_Log_Test();
+    EXPECT_EQ(kernel_lines(),
+              (Lines{"err:[TID][Tavrik_Log_Test:N]:log test", "warn:[TID][Tavrik_Log_Test:N]:log test",
+                     "info:[TID][Tavrik_Log_Test:N]:log test", "debug:[TID][Tavrik_Log_Test:N]:log test"}));
+    // Text from outside does nothing in that shell.
+    ufromstr("$(echo a)`b`;c&d|e<f>(g){h}[i]*j?k!l#m~n\\o\"p'q\nr", "");
+    EXPECT_EQ(kernel_lines(),
+              (Lines{"err:[TID][ufromstr:N]:find ??echo a??b??c?d?e?f??g??h??i??j?k?l?m?n?o?p?q?r faild"}));
+
+    // What the program itself writes is taken literally, in each mode.
+    Tavrik_Switch_Log_Mode(TAVRIK_LOG_STDOUT);
+    Tavrik_kmsg_log(1, "$((40 + %d)) a\nb", 2);
+    Tavrik_kmsg_log(4, "d");
+    Tavrik_kmsg_log(5, "never");
+    Tavrik_kmsg_log(0, "never");
+    Tavrik_kmsg_log(2, nullptr);
+    const std::string text(2000, 't');
+    Tavrik_kmsg_log(3, "%s", text.c_str());
+    EXPECT_EQ(kernel_lines(), (Lines{"err:42 a b", "debug:d", "", "", "", "info:" + text.substr(0, 1018)}));
 }
 
 TEST_F(Log, CutsNoLongLine) {

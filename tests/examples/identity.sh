@@ -1,8 +1,8 @@
 #!/bin/sh
 # The example prints what this module is, and asks for it by both ways.
-#   identity.sh PROGRAM
+#   identity.sh PROGRAM [ARGUMENT]...
 set -eu
-"$1" | diff - /dev/fd/3 3<<END
+"$@" | diff - /dev/fd/3 3<<END
 Manufacturer: Maker
 Model:        M1
 Revision:     R1.2

@@ -69,12 +69,15 @@ int run(const Verb &verb, const Arguments &arguments, const Arguments &options) 
         // The library prints to descriptor 1: what scripts read moves away from it, and it joins standard error.
         const int ours = dup(STDOUT_FILENO);
         file = ours < 0 ? nullptr : fdopen(ours, "w");
-        if (!file || dup2(STDERR_FILENO, STDOUT_FILENO) < 0)
-            return fail("cannot divert standard output"), kFailed;
+        if (!file || dup2(STDERR_FILENO, STDOUT_FILENO) < 0 || setvbuf(stdout, nullptr, _IOLBF, 0) != 0) {
+            fail("cannot divert standard output");
+            return kFailed;
+        }
     }
-    if (verb.needs_module && !on_module())
-        return fail("no module here: run it on one, or inside a simulated one (tavrik-sim run -- tavrikctl ...)"),
-               kFailed;
+    if (verb.needs_module && !on_module()) {
+        fail("no module here: run it on one, or inside a simulated one (tavrik-sim run -- tavrikctl ...)");
+        return kFailed;
+    }
     Output output(file, options.has("--json"));
     return verb.run(arguments, output) ? kDone : kFailed;
 }

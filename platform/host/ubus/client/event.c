@@ -122,15 +122,12 @@ int __ubus_monitor(struct ubus_context *ctx, const char *type) {
     return call_daemon(ctx, UBUS_SYSTEM_OBJECT_MONITOR, type, NULL, true, 1000);
 }
 
-static void auto_try(struct uloop_timeout *timer) {
+static void auto_again(struct uloop_timeout *timer) {
     struct ubus_auto_conn *conn = container_of(timer, struct ubus_auto_conn, timer);
-    if (ubus_reconnect(&conn->ctx, conn->path)) {
+    if (ubus_reconnect(&conn->ctx, conn->path))
         uloop_timeout_set(timer, 1000);
-        return;
-    }
-    if (conn->cb)
-        conn->cb(&conn->ctx);
-    ubus_add_uloop(&conn->ctx);
+    else
+        ubus_add_uloop(&conn->ctx);
 }
 
 static void auto_lost(struct ubus_context *ctx) {
@@ -144,7 +141,7 @@ static void auto_first(struct uloop_timeout *timer) {
         uloop_timeout_set(timer, 1000);
         return;
     }
-    timer->cb = auto_try;
+    timer->cb = auto_again;
     conn->ctx.connection_lost = auto_lost;
     if (conn->cb)
         conn->cb(&conn->ctx);

@@ -21,6 +21,9 @@ struct Kept {
 extern struct blob_buf hostbus_builder;
 struct blob_attr **hostbus_parse(struct blob_attr *body);
 
+// acl.c
+void hostbus_acl_shutdown(const struct ubus_context *ctx);
+
 // io.c
 bool hostbus_send(struct ubus_context *ctx, uint8_t type, uint16_t seq, uint32_t peer, struct blob_attr *body, int fd);
 bool hostbus_keep(struct list_head *list, const struct ubus_msghdr *hdr, const struct blob_attr *body, int fd);

@@ -1,6 +1,7 @@
 // Connection, and messages as bytes.
 #include "internal.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -41,7 +42,7 @@ static void wait_for(int fd, short events) {
 
 // Without MSG_NOSIGNAL, as libubus sends: a caller that has to guard against SIGPIPE on the module must do it here too.
 bool hostbus_send(struct ubus_context *ctx, uint8_t type, uint16_t seq, uint32_t peer, struct blob_attr *body, int fd) {
-    struct ubus_msghdr hdr = {.type = type, .seq = cpu_to_be16(seq), .peer = cpu_to_be32(peer)};
+    struct ubus_msghdr hdr = {.type = type, .seq = htons(seq), .peer = htonl(peer)};
     struct iovec iov[2] = {{&hdr, sizeof hdr}, {body, blob_raw_len(body)}};
     union {
         struct cmsghdr head;
@@ -201,7 +202,7 @@ bool hostbus_read_one(struct ubus_context *ctx) {
             return false;
         if (!receive_rest(ctx, &head, sizeof head, (size_t)got, &fd))
             break;
-        uint32_t length = be32_to_cpu(head.id_len) & BLOB_ATTR_LEN_MASK;
+        uint32_t length = ntohl(head.id_len) & BLOB_ATTR_LEN_MASK;
         if (length < sizeof head.id_len) {
             ctx->sock.eof = true; // no telling where the next message starts
             break;
@@ -215,8 +216,8 @@ bool hostbus_read_one(struct ubus_context *ctx) {
             continue;
         }
         ctx->msgbuf.hdr = head.hdr;
-        ctx->msgbuf.hdr.seq = be16_to_cpu(head.hdr.seq);
-        ctx->msgbuf.hdr.peer = be32_to_cpu(head.hdr.peer);
+        ctx->msgbuf.hdr.seq = ntohs(head.hdr.seq);
+        ctx->msgbuf.hdr.peer = ntohl(head.hdr.peer);
         ctx->msgbuf.data->id_len = head.id_len;
         if (!receive_rest(ctx, ctx->msgbuf.data->data, rest, 0, &fd))
             break;
@@ -326,25 +327,29 @@ int ubus_reconnect(struct ubus_context *ctx, const char *path) {
     struct {
         struct ubus_msghdr hdr;
         uint32_t id_len;
-    } hello;
+    } hello = {.id_len = 0};
 
     if (ubus_context_is_channel(ctx))
         return -1;
     leave(ctx);
-    int fd = open_socket(path);
+    int fd = open_socket(path), none = -1;
     if (fd < 0)
         return UBUS_STATUS_CONNECTION_FAILED;
     ssize_t got;
     do
         got = read(fd, &hello, sizeof hello);
     while (got < 0 && errno == EINTR);
-    if (got != (ssize_t)sizeof hello || hello.hdr.version != 0 || hello.hdr.type != UBUS_MSG_HELLO ||
-        hello.hdr.peer <= UBUS_CLIENT_ID_CHANNEL || (be32_to_cpu(hello.id_len) & BLOB_ATTR_LEN_MASK) < 4) {
-        hostbus_close(&fd);
+    uint32_t length = ntohl(hello.id_len) & BLOB_ATTR_LEN_MASK;
+    ctx->sock.fd = fd;
+    bool good = got == (ssize_t)sizeof hello && hello.hdr.version == 0 && hello.hdr.type == UBUS_MSG_HELLO &&
+                hello.hdr.peer > UBUS_CLIENT_ID_CHANNEL && length >= 4 && length <= HOSTBUS_MAX_MESSAGE &&
+                skip(ctx, length - 4, &none);
+    hostbus_close(&none);
+    if (!good) {
+        leave(ctx);
         return UBUS_STATUS_UNKNOWN_ERROR;
     }
     ctx->local_id = hello.hdr.peer; // in wire order, as libubus keeps it
-    ctx->sock.fd = fd;
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
     hostbus_add_all_again(ctx);
     hostbus_auto_subscribe_again(ctx);
@@ -395,6 +400,7 @@ void ubus_shutdown(struct ubus_context *ctx) {
     blob_buf_free(&hostbus_builder);
     if (!ctx)
         return;
+    hostbus_acl_shutdown(ctx);
     leave(ctx);
     uloop_timeout_cancel(&ctx->pending_timer);
     hostbus_drop_kept(&ctx->pending);

@@ -83,7 +83,8 @@ static int object_request(struct ubus_context *ctx, struct ubus_object *obj, uin
 }
 
 int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj) {
-    return object_request(ctx, obj, UBUS_MSG_REMOVE_OBJECT, NULL, object_removed);
+    int ret = object_request(ctx, obj, UBUS_MSG_REMOVE_OBJECT, NULL, object_removed);
+    return ret || !obj->id ? ret : UBUS_STATUS_NO_DATA;
 }
 
 // After a reconnect: every object gets a new id, its type with it.
@@ -132,31 +133,33 @@ static const struct ubus_method *find_method(const struct ubus_object *obj, cons
     return NULL;
 }
 
+// An unknown object or a missing method is answered all the same, but with nothing that leads to the caller: it sees its
+// limit pass, as with libubus.
 static void invoke(struct ubus_context *ctx, struct ubus_object *obj, const struct ubus_msghdr *hdr,
                    struct blob_attr **attrs, int fd) {
-    struct ubus_request_data req = {.peer = hdr->peer, .seq = hdr->seq, .fd = -1, .req_fd = fd};
+    struct ubus_request_data req = {.fd = -1, .req_fd = fd};
     struct blob_attr *data = attrs[UBUS_ATTR_DATA];
     const char *name = attrs[UBUS_ATTR_METHOD] ? blob_data(attrs[UBUS_ATTR_METHOD]) : NULL;
     bool reply = !attrs[UBUS_ATTR_NO_REPLY] || !blob_get_u8(attrs[UBUS_ATTR_NO_REPLY]);
-    ubus_handler_t handler = ctx->local_id == UBUS_CLIENT_ID_CHANNEL ? ctx->request_handler : NULL;
+    bool channel = ubus_context_is_channel(ctx);
     int ret;
 
-    req.object = attrs[UBUS_ATTR_OBJID] ? blob_get_u32(attrs[UBUS_ATTR_OBJID]) : 0;
-    req.acl.user = attrs[UBUS_ATTR_USER] ? blob_data(attrs[UBUS_ATTR_USER]) : NULL;
-    req.acl.group = attrs[UBUS_ATTR_GROUP] ? blob_data(attrs[UBUS_ATTR_GROUP]) : NULL;
-    req.acl.object = obj ? obj->name : NULL;
-    if (!obj && !handler) {
+    if (!obj && !channel) {
         ret = UBUS_STATUS_NOT_FOUND;
-        req.seq = 0;
-        req.peer = 0;
-    } else if (!name || !data) {
+    } else if (!name) {
         ret = UBUS_STATUS_INVALID_ARGUMENT;
     } else {
-        if (obj) {
-            const struct ubus_method *method = find_method(obj, name);
-            handler = method ? method->handler : NULL;
-        }
-        ret = handler ? handler(ctx, obj, &req, name, data) : UBUS_STATUS_METHOD_NOT_FOUND;
+        req.peer = hdr->peer;
+        req.seq = hdr->seq;
+        req.object = obj ? obj->id : 0;
+        req.acl.user = attrs[UBUS_ATTR_USER] ? blob_data(attrs[UBUS_ATTR_USER]) : NULL;
+        req.acl.group = attrs[UBUS_ATTR_GROUP] ? blob_data(attrs[UBUS_ATTR_GROUP]) : NULL;
+        req.acl.object = obj ? obj->name : NULL;
+        const struct ubus_method *method = obj ? find_method(obj, name) : NULL;
+        ubus_handler_t handler = channel ? ctx->request_handler : method ? method->handler : NULL;
+        ret = !data      ? UBUS_STATUS_INVALID_ARGUMENT
+              : !handler ? UBUS_STATUS_METHOD_NOT_FOUND
+                         : handler(ctx, obj, &req, name, data);
     }
     hostbus_close(&req.req_fd);
     if (req.deferred)
@@ -184,7 +187,7 @@ void hostbus_object_message(struct ubus_context *ctx, const struct ubus_msghdr *
         obj = avl_find_element(&ctx->objects, &id, obj, avl);
     }
     ctx->stack_depth++;
-    if (hdr->type == UBUS_MSG_INVOKE) {
+    if (hdr->type == UBUS_MSG_INVOKE && attrs[UBUS_ATTR_OBJID]) {
         invoke(ctx, obj, hdr, attrs, fd);
         fd = -1;
     } else if (obj && hdr->type == UBUS_MSG_NOTIFY && attrs[UBUS_ATTR_ACTIVE]) {

@@ -123,11 +123,11 @@ static void deliver(struct ubus_request *req, const struct ubus_msghdr *hdr, str
     req->blocked = true;
     if (req->raw_data_cb)
         req->raw_data_cb(req, hdr->type, body);
-    if (self.req && req->notify) {
+    if (self.req && data && req->notify) {
         struct ubus_notify_request *nreq = container_of(req, struct ubus_notify_request, req);
         if (nreq->data_cb)
             nreq->data_cb(nreq, hdr->type, data);
-    } else if (self.req && req->data_cb) {
+    } else if (self.req && data && req->data_cb) {
         req->data_cb(req, hdr->type, data);
     }
     running = self.outer;

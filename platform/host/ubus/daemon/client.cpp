@@ -182,7 +182,8 @@ void Client::on_event(unsigned events) {
     if (broken_ || (events & ULOOP_WRITE))
         flush();
     bus_.go_on(*this);
-    for (int n = 0; n < messages_a_turn && !lookup && !ended_ && receive(); n++) {
+    // Of a peer that is gone, everything at once: its objects must not outlive it until some later turn.
+    for (int n = 0; (n < messages_a_turn || broken_) && !lookup && !ended_ && receive(); n++) {
         Header header{static_cast<uint8_t>(in_.bytes[0]), static_cast<uint8_t>(in_.bytes[1]), 0, 0};
         memcpy(&header.seq, in_.bytes + 2, 2);
         memcpy(&header.peer, in_.bytes + 4, 4);

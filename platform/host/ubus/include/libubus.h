@@ -334,13 +334,15 @@ static inline int ubus_monitor_stop(struct ubus_context *ctx) { return __ubus_mo
 extern struct avl_tree acl_objects;
 int ubus_register_acl(struct ubus_context *ctx);
 
-static inline bool ubus_acl_same_(const char *a, const char *b) { return a == b || (a && b && !strcmp(a, b)); }
+static inline bool ubus_acl_is_for_(const struct acl_object *o, const struct ubus_acl_key *m) {
+    return m->object && m->user && m->group && !strcmp(o->key.object, m->object) &&
+           ((o->key.user && !strcmp(o->key.user, m->user)) || (o->key.group && !strcmp(o->key.group, m->group)));
+}
 
-// Every acl_object o whose key is the ubus_acl_key *m.
+// Every acl_object o for the caller and the object of the ubus_acl_key *m.
 #define acl_for_each(o, m)                                                                                             \
     avl_for_each_element (&acl_objects, o, avl)                                                                        \
-        if (ubus_acl_same_((o)->key.object, (m)->object) && ubus_acl_same_((o)->key.user, (m)->user) &&                \
-            ubus_acl_same_((o)->key.group, (m)->group))
+        if (ubus_acl_is_for_(o, m))
 
 #ifdef __cplusplus
 }
