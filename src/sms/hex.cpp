@@ -7,22 +7,16 @@
 
 namespace {
 
-constexpr uint8_t kNoDigit = 0xFF;
-
-struct DigitValues {
-    uint8_t of[256];
-    constexpr DigitValues() : of() {
-        for (int c = 0; c < 256; ++c)
-            of[c] = uint8_t(c >= '0' && c <= '9'   ? c - '0'
-                            : c >= 'A' && c <= 'F' ? c - 'A' + 10
-                            : c >= 'a' && c <= 'f' ? c - 'a' + 10
-                                                   : kNoDigit);
-    }
-};
-constexpr DigitValues kDigits;
+constexpr uint8_t kNoDigit = 0xFF, X = kNoDigit;
+// From "0" to "f".
+constexpr uint8_t kDigits[] = {0,  1,  2,  3,  4, 5, 6, 7, 8, 9, X, X,  X,  X,  X,  X,  X, 10, 11,
+                               12, 13, 14, 15, X, X, X, X, X, X, X, X,  X,  X,  X,  X,  X, X,  X,
+                               X,  X,  X,  X,  X, X, X, X, X, X, X, 10, 11, 12, 13, 14, 15};
+static_assert(sizeof kDigits == 'f' - '0' + 1 && kDigits['a' - '0'] == 10 && kDigits['F' - '0'] == 15);
 
 uint8_t digit(char c) {
-    return kDigits.of[uint8_t(c)];
+    const unsigned place = unsigned(uint8_t(c)) - '0';
+    return place < sizeof kDigits ? kDigits[place] : kNoDigit;
 }
 
 } // namespace
