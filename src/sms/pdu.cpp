@@ -16,6 +16,7 @@ namespace {
 
 constexpr size_t kLongestPdu = 512; // characters
 constexpr int kMostOctets = kLongestPdu / 2;
+constexpr size_t kHeaderSize = 324; // of what parse_udh returns
 
 struct Octets {
     uint8_t *at;
@@ -65,7 +66,8 @@ int read_header(Octets data, SmsMessage *message) {
 
 // Unpacks and maps 7-bit text; `stated` and the header are what the message says of `data`.
 int32_t read_7bit(Octets data, int stated, int header, char *text) {
-    // A septet that is not wholly inside would be made of the padding: "@".
+    // Behind a long header the rule for the count below gives too many. A septet that does not lie wholly inside is
+    // none: it would be made of the padding, "@".
     const int bits = std::min(7 * stated, 8 * data.count);
     const int start = (8 * header + 6) / 7 * 7;
     const int count = std::min(stated - (header ? header + 1 : 0), (bits - start) / 7);
@@ -110,7 +112,7 @@ int decode_report(Octets pdu, SmsMessage *message) {
 uint8_t *parse_udh(const uint8_t *header, int length) {
     if (!header || length <= 0)
         return nullptr;
-    auto *found = static_cast<uint8_t *>(calloc(1, sizeof(SmsMessage)));
+    auto *found = static_cast<uint8_t *>(calloc(kHeaderSize, 1));
     if (!found)
         return nullptr;
     for (int left = length; left > 0;) {

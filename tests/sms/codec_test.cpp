@@ -1,5 +1,4 @@
-#include "sms/log_lines.h"
-#include "sms/pdu_generator.h"
+#include "sms/sms_test.h"
 
 #include <cstring>
 

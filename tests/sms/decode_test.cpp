@@ -1,5 +1,4 @@
-#include "sms/log_lines.h"
-#include "sms/pdu_generator.h"
+#include "sms/sms_test.h"
 
 #include <algorithm>
 #include <atomic>
@@ -26,16 +25,6 @@ namespace {
 
 using Octets = std::vector<uint8_t>;
 using namespace std::string_literals;
-
-const std::string kCentre = "07919471016705F0", kSender = "0B919471325476F8", kTime = "42904241800308";
-
-std::string hex(int octet) {
-    return to_hex({uint8_t(octet)});
-}
-
-std::string deliver(int coding, const std::string &data, bool header = false, const std::string &sender = kSender) {
-    return kCentre + (header ? "44" : "04") + sender + "00" + hex(coding) + kTime + data;
-}
 
 // 7-bit text behind the given header elements.
 std::string packed(const Octets &elements, const Octets &septets) {

@@ -1,5 +1,5 @@
 // Without memory, each operation fails as it says, loses nothing it had and leaks nothing.
-#include "sms/log_lines.h"
+#include "sms/sms_test.h"
 
 #include <cstdlib>
 #include <cstring>

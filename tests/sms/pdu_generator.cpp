@@ -104,7 +104,7 @@ PduGenerator::Octets PduGenerator::address(GeneratedPdu &made) {
 
 PduGenerator::Octets PduGenerator::time_stamp(int64_t &time, int &zone) {
     std::tm local = {};
-    local.tm_year = 100 + below(100);
+    local.tm_year = 100 + below(38); // as far as a time_t of 32 bits goes
     local.tm_mon = below(12);
     local.tm_mday = 1 + below(28);
     local.tm_hour = below(24);

@@ -1,11 +1,8 @@
-#include "sms/log_lines.h"
-#include "sms/pdu_generator.h"
-#include "tavrik_sdk.h"
+#include "sms/sms_test.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <gtest/gtest.h>
 #include <memory>
 
 namespace {
@@ -25,17 +22,6 @@ std::string field(const char (&text)[size]) {
 
 std::string text_of(const SmsMessage &message) {
     return {message.text, size_t(std::min<int>(message.length, sizeof message.text))};
-}
-
-std::string hex(int octet) {
-    return to_hex({uint8_t(octet)});
-}
-
-const std::string kCentre = "07919471016705F0", kTime = "42904241800308", kSender = "0B919471325476F8";
-
-// A message from +49172345678 with all up to the user data, which comes with its length in front.
-std::string deliver(int coding, const std::string &data, bool header = false, const std::string &sender = kSender) {
-    return kCentre + (header ? "44" : "04") + sender + "00" + hex(coding) + kTime + data;
 }
 
 struct PduCase {

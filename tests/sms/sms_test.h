@@ -1,5 +1,6 @@
 #pragma once
 
+#include "sms/pdu_generator.h"
 #include "tavrik_sdk.h"
 
 #include <gtest/gtest.h>
@@ -17,4 +18,16 @@ std::string logged(Call call) {
     const std::string lines = testing::internal::GetCapturedStdout();
     Tavrik_Switch_Log_Mode(mode);
     return std::regex_replace(lines, std::regex("\\[sdklog err:(\\w+):[0-9]+\\]:"), "$1: ");
+}
+
+const std::string kCentre = "07919471016705F0", kTime = "42904241800308", kSender = "0B919471325476F8";
+
+inline std::string hex(int octet) {
+    return to_hex({uint8_t(octet)});
+}
+
+// A message from +49172345678 with all up to the user data, which comes with its length in front.
+inline std::string deliver(int coding, const std::string &data, bool header = false,
+                           const std::string &sender = kSender) {
+    return kCentre + (header ? "44" : "04") + sender + "00" + hex(coding) + kTime + data;
 }
