@@ -107,6 +107,7 @@ TEST(Pdu, Table) {
                        "41"),
          2, number, "A"},
         {"status report", kCentre + "062A" + kSender + kTime + kTime + "00", 0, number, ""},
+        {"bit 0 does not count", kCentre + "05" + kSender + "0004" + kTime + "0141", 1, number, "A"},
         {"report by bit 1 alone", kCentre + "072A" + kSender, 0, number, ""},
         // The zero is taken for the first octet, the first octet for the length of the sender.
         {"no centre",
