@@ -13,7 +13,7 @@ enum Kind {
     emfile,      // socket, eventfd, pipe2, dup3 and the like: -1, EMFILE
 };
 
-// The n-th call (from 1) that `kind` is about fails, in any thread; only calls of the SDK, libubox and the host bus count.
+// The n-th call (from 1) that `kind` is about fails, in any thread; only calls of the SDK and the host bus count.
 void arm(Kind kind, int n);
 // Ends it and tells whether the n-th call came.
 bool disarm();
