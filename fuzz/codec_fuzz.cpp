@@ -1,4 +1,6 @@
 // Each codec on memory of exactly the documented sizes. The first byte chooses the codec, the second is its parameter.
+#include "fuzz.h"
+
 #include "tavrik_sdk.h"
 
 #include <memory>

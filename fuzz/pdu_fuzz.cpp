@@ -1,3 +1,5 @@
+#include "fuzz.h"
+
 #include "tavrik_sdk.h"
 
 #include <stdlib.h>

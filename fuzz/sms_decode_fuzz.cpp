@@ -1,4 +1,6 @@
 // One PDU a line: each decoded, and what can be decoded joined.
+#include "fuzz.h"
+
 #include "tavrik_sdk.h"
 
 #include <sstream>

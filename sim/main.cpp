@@ -44,7 +44,7 @@ int main(int argc, char **argv) {
     CLI::App *call_command = app.add_subcommand("call", "Make a control call to a running module");
     call_command->add_option("--sim", sim, "The module: the one around, else the newest one unless given")
         ->type_name("NAME");
-    call_command->add_option("verb", verb, "What to do; `verbs` lists them")->required()->type_name("VERB");
+    call_command->add_option("verb", verb, "What to do: state, reset, line, record, …")->required()->type_name("VERB");
     call_command->add_option("json", arguments, "Arguments, a JSON object")->type_name("JSON");
 
     try {

@@ -1,6 +1,7 @@
 #include "sandbox.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
@@ -14,6 +15,7 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -309,9 +311,12 @@ void bring_up_loopback() {
 
 } // namespace
 
-void enter_namespaces() {
-    check(unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWNET), "unshare");
-    // Some systems grant the namespace and nothing in it: better found out here.
+pid_t fork_into_namespaces() {
+    long flags = SIGCHLD | CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWNET;
+    return static_cast<pid_t>(syscall(SYS_clone, flags, nullptr, nullptr, nullptr, nullptr));
+}
+
+void part_from_host() {
     check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "mount");
 }
 

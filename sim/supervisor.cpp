@@ -87,9 +87,9 @@ long now_ms() {
     return t.tv_sec * 1000 + t.tv_nsec / 1000000;
 }
 
-void say_refused(const std::exception &error) {
+void say_refused(const char *why) {
     fprintf(stderr, "tavrik-sim: user namespaces are refused here (%s); see \"Requirements\" in docs/simulator.md\n",
-            error.what());
+            why);
 }
 
 std::vector<pid_t> children() {
@@ -133,15 +133,15 @@ class Inner {
 
   private:
     void enter() {
+        char byte = 0;
+        if (recv(outer_, &byte, 1, 0) != 1 || byte != mapped)
+            _exit(exit_simulator_failed); // The outer process said why.
         try {
-            enter_namespaces();
+            part_from_host();
         } catch (const std::system_error &error) {
-            say_refused(error);
+            say_refused(error.what());
             _exit(exit_simulator_failed);
         }
-        char byte = mapped;
-        if (send(outer_, &byte, 1, MSG_NOSIGNAL) != 1 || recv(outer_, &byte, 1, 0) != 1 || byte != mapped)
-            _exit(exit_simulator_failed); // The outer process said why.
         prctl(PR_SET_CHILD_SUBREAPER, 1);
         taps_ = build_sandbox();
         // The folder that the caller was in may lie hidden below one of the new mounts.
@@ -374,23 +374,23 @@ int run(const RunOptions &options) {
     int sockets[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) < 0)
         throw std::system_error(errno, std::generic_category(), "socketpair");
-    pid_t inner = fork();
-    if (inner < 0)
-        throw std::system_error(errno, std::generic_category(), "fork");
+    pid_t inner = fork_into_namespaces();
     if (inner == 0) {
         close(sockets[0]);
         Inner(options, state, inherited, sockets[1]).run();
     }
+    if (inner < 0) {
+        say_refused(strerror(errno));
+        state.remove();
+        return exit_simulator_failed;
+    }
     close(sockets[1]);
-    char byte;
-    if (recv(sockets[0], &byte, 1, 0) == 1) {
-        try {
-            map_ids(inner);
-            send(sockets[0], &mapped, 1, MSG_NOSIGNAL);
-        } catch (const std::system_error &error) {
-            say_refused(error);
-            shutdown(sockets[0], SHUT_WR);
-        }
+    try {
+        map_ids(inner);
+        send(sockets[0], &mapped, 1, MSG_NOSIGNAL);
+    } catch (const std::system_error &error) {
+        say_refused(error.what());
+        shutdown(sockets[0], SHUT_WR);
     }
     int status = watch(inner, sockets[0]);
     state.remove();

@@ -173,7 +173,7 @@ void RuleTable::add(const json &rules) {
                 return text;
             };
             for (auto &[key, value] : rules[i].items()) {
-                place = number + "." + key;
+                place.assign(number).append(".").append(key);
                 if (key == "when" || key == "set") {
                     check_kind(value.is_object(), "an object");
                     for (auto &[field, content] : value.items()) {

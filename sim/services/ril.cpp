@@ -102,8 +102,8 @@ int Ril::serve(ubus_request_data *request, const char *, blob_attr *message) {
             reply.data.reset();
     }
     blob_buf_init(&message_, 0);
-    if (rilutil_make_reply(&message_, reply_id, reply.error, reply.data ? reply.data->data() : nullptr,
-                           reply.data ? reply.data->size() : 0))
+    const std::string payload = reply.data.value_or("");
+    if (rilutil_make_reply(&message_, reply_id, reply.error, reply.data ? payload.data() : nullptr, payload.size()))
         return UBUS_STATUS_NO_MEMORY;
     return answer(request, {fields_of(message_), 0}, fault);
 }

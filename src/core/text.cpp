@@ -50,6 +50,21 @@ int32_t decimal(const char *text, char **end) {
 
 } // namespace tavrik
 
+int handle_response_data(const char *response, const char *keyword, char *output) {
+    if (!response || !keyword || !output)
+        return -1;
+    const char *from = strstr(response, keyword);
+    if (!from) {
+        TAVRIK_LOG_ERROR("failed to match the keyword");
+        return -1;
+    }
+    for (from += strlen(keyword); from[0] && from[1]; *output++ = *from++)
+        if (from[0] == '\r' && from[1] == '\n')
+            return 0;
+    TAVRIK_LOG_ERROR("failed to match the \\r\\n");
+    return -1;
+}
+
 char *string_split_parameter(char *text, const char *delimiters, int index) {
     if (!text || !delimiters || index < 0)
         return nullptr;

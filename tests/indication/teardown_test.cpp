@@ -192,6 +192,24 @@ TEST_F(Teardown, with_the_loop_thread) {
     EXPECT_LT(loop_took, 1500);
 }
 
+// Everything is removed while a registration still waits for the server: no thread is left over.
+TEST_F(Teardown, while_connecting) {
+    FakeAtServer busy(0, kPath);
+    const int first = at_socket_init(kPath); // fills the backlog
+    Event registering;
+    std::thread other([&] {
+        registering.set();
+        EXPECT_EQ(add(TAVRIK_IND_SIM), 0);
+    });
+    registering.wait();
+    usleep(100000);
+    EXPECT_LT(duration(tavrik_indication_deregister), 1000);
+    ASSERT_TRUE(busy.accept_client());
+    other.join();
+    at_socket_deinit(first);
+    EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_NONE);
+}
+
 TEST_F(Teardown, starts_again) {
     for (int round = 0; round < 200; ++round) {
         add_all();

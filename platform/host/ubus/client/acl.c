@@ -89,7 +89,6 @@ int ubus_register_acl(struct ubus_context *ctx) {
         int ret = ubus_register_event_handler(ctx, &change_handler, "ubus.acl.sequence");
         if (ret)
             return ret;
-        INIT_LIST_HEAD(&query.list);
         follower = ctx;
     }
     return ask(ctx);

@@ -112,7 +112,7 @@ int ubus_register_event_handler(struct ubus_context *ctx, struct ubus_event_hand
 
 int ubus_send_event(struct ubus_context *ctx, const char *id, struct blob_attr *data) {
     struct blob_buf msg = {0};
-    bool good = blob_buf_init(&msg, 0) == 0 && blobmsg_add_string(&msg, "id", id) == 0 &&
+    bool good = id && blob_buf_init(&msg, 0) == 0 && blobmsg_add_string(&msg, "id", id) == 0 &&
                 blobmsg_add_field(&msg, BLOBMSG_TYPE_TABLE, "data", data ? blob_data(data) : NULL,
                                   data ? (unsigned int)blob_len(data) : 0) == 0;
     return call_daemon(ctx, UBUS_SYSTEM_OBJECT_EVENT, "send", &msg, good, 0);

@@ -127,17 +127,15 @@ static bool receive_rest(struct ubus_context *ctx, void *data, size_t length, si
 // Room for a message: grows in steps, and shrinks after a number of messages that would have done with less.
 static bool make_room(struct ubus_context *ctx, uint32_t length) {
     uint32_t want = (length + UBUS_MSG_CHUNK_SIZE - 1) / UBUS_MSG_CHUNK_SIZE * UBUS_MSG_CHUNK_SIZE;
-    if (ctx->msgbuf.data && want <= ctx->msgbuf_data_len) {
-        if (want == ctx->msgbuf_data_len || ++ctx->msgbuf_reduction_counter <= 16) {
-            if (want == ctx->msgbuf_data_len)
-                ctx->msgbuf_reduction_counter = 0;
-            return true;
-        }
-    }
+    uint32_t have = ctx->msgbuf.data ? ctx->msgbuf_data_len : 0;
+    if (want < have && ++ctx->msgbuf_reduction_counter <= 16)
+        return true;
     ctx->msgbuf_reduction_counter = 0;
+    if (want == have)
+        return true;
     struct blob_attr *data = realloc(ctx->msgbuf.data, want);
     if (!data)
-        return ctx->msgbuf.data && length <= ctx->msgbuf_data_len;
+        return length <= have;
     ctx->msgbuf.data = data;
     ctx->msgbuf_data_len = want;
     return true;
@@ -155,38 +153,39 @@ static bool skip(struct ubus_context *ctx, uint32_t length, int *fd) {
     return true;
 }
 
+// Callbacks own the buffer while they run: a call from inside them reads into another one.
 static void dispatch(struct ubus_context *ctx, int fd) {
-    const struct ubus_msghdr *hdr = &ctx->msgbuf.hdr;
-    switch (hdr->type) {
+    const struct ubus_msghdr hdr = ctx->msgbuf.hdr;
+    struct blob_attr *body = ctx->msgbuf.data;
+    uint32_t room = ctx->msgbuf_data_len;
+
+    ctx->msgbuf.data = NULL;
+    switch (hdr.type) {
     case UBUS_MSG_STATUS:
     case UBUS_MSG_DATA:
-        hostbus_answer(ctx, &(struct ubus_msghdr){0, hdr->type, hdr->seq, hdr->peer}, ctx->msgbuf.data, fd);
-        return;
+        hostbus_answer(ctx, &hdr, body, fd);
+        break;
     case UBUS_MSG_INVOKE:
     case UBUS_MSG_UNSUBSCRIBE:
     case UBUS_MSG_NOTIFY:
-        if (ctx->stack_depth) {
-            hostbus_keep(&ctx->pending, hdr, ctx->msgbuf.data, fd);
-            return;
-        }
-        // The handler owns the buffer while it runs: its message stays valid whatever it calls.
-        struct blob_attr *body = ctx->msgbuf.data;
-        uint32_t room = ctx->msgbuf_data_len;
-        ctx->msgbuf.data = NULL;
-        hostbus_object_message(ctx, &(struct ubus_msghdr){0, hdr->type, hdr->seq, hdr->peer}, body, fd);
-        if (ctx->msgbuf.data) {
-            free(body);
-        } else {
-            ctx->msgbuf.data = body;
-            ctx->msgbuf_data_len = room;
-        }
-        return;
+        if (ctx->stack_depth)
+            hostbus_keep(&ctx->pending, &hdr, body, fd);
+        else
+            hostbus_object_message(ctx, &hdr, body, fd);
+        break;
     case UBUS_MSG_MONITOR:
         if (ctx->monitor_cb)
-            ctx->monitor_cb(ctx, hdr->seq, ctx->msgbuf.data);
-        break;
+            ctx->monitor_cb(ctx, hdr.seq, body);
+        // fall through
+    default:
+        hostbus_close(&fd);
     }
-    hostbus_close(&fd);
+    if (ctx->msgbuf.data || ctx->sock.fd < 0) {
+        free(body);
+    } else {
+        ctx->msgbuf.data = body;
+        ctx->msgbuf_data_len = room;
+    }
 }
 
 bool hostbus_read_one(struct ubus_context *ctx) {

@@ -32,36 +32,42 @@ static bool put_object(const struct ubus_object *obj) {
     return obj->type->id ? blob_put_u32(b, UBUS_ATTR_OBJTYPE, obj->type->id) != NULL : put_signature(obj->type);
 }
 
+static bool is_ours(struct ubus_context *ctx, const struct ubus_object *obj) {
+    return avl_find(&ctx->objects, &obj->id) == &obj->avl;
+}
+
 static void object_added(struct ubus_request *req, int type, struct blob_attr *body) {
     struct ubus_object *obj = req->priv;
     struct blob_attr **attrs = hostbus_parse(body);
     (void)type;
-    if (!attrs[UBUS_ATTR_OBJID])
+    if (!attrs[UBUS_ATTR_OBJID] || is_ours(req->ctx, obj))
         return;
     obj->id = blob_get_u32(attrs[UBUS_ATTR_OBJID]);
-    if (attrs[UBUS_ATTR_OBJTYPE] && obj->type)
-        obj->type->id = blob_get_u32(attrs[UBUS_ATTR_OBJTYPE]);
     obj->avl.key = &obj->id;
-    avl_insert(&req->ctx->objects, &obj->avl);
+    if (avl_insert(&req->ctx->objects, &obj->avl) != 0)
+        obj->id = 0;
+    else if (attrs[UBUS_ATTR_OBJTYPE] && obj->type)
+        obj->type->id = blob_get_u32(attrs[UBUS_ATTR_OBJTYPE]);
 }
 
 int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj) {
     struct ubus_request req;
-    if (ubus_context_is_channel(ctx) || !put_object(obj) || hostbus_start(ctx, &req, UBUS_MSG_ADD_OBJECT, 0, -1))
+    if (ubus_context_is_channel(ctx) || is_ours(ctx, obj) || !put_object(obj) ||
+        hostbus_start(ctx, &req, UBUS_MSG_ADD_OBJECT, 0, -1))
         return UBUS_STATUS_INVALID_ARGUMENT;
     req.raw_data_cb = object_added;
     req.priv = obj;
     int ret = ubus_complete_request(ctx, &req, 0);
     if (ret)
         return ret;
-    return obj->id ? UBUS_STATUS_OK : UBUS_STATUS_NO_DATA;
+    return is_ours(ctx, obj) ? UBUS_STATUS_OK : UBUS_STATUS_NO_DATA;
 }
 
 static void object_removed(struct ubus_request *req, int type, struct blob_attr *body) {
     struct ubus_object *obj = req->priv;
     struct blob_attr **attrs = hostbus_parse(body);
     (void)type;
-    if (!attrs[UBUS_ATTR_OBJID] || !obj->id)
+    if (!attrs[UBUS_ATTR_OBJID] || !is_ours(req->ctx, obj))
         return;
     avl_delete(&req->ctx->objects, &obj->avl);
     obj->id = 0;
@@ -87,23 +93,25 @@ int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj) {
     return ret || !obj->id ? ret : UBUS_STATUS_NO_DATA;
 }
 
-// After a reconnect: every object gets a new id, its type with it.
+// After a reconnect: every object gets a new id, its type with it. Handlers have to wait until all are back.
 void hostbus_add_all_again(struct ubus_context *ctx) {
-    struct ubus_object *obj, *next;
     struct avl_tree old = ctx->objects;
+    struct ubus_object *obj, *next;
 
-    if (!avl_is_empty(&old)) {
-        // The list head lives in the tree itself, so the copy has to be tied in again.
-        old.list_head.next->prev = &old.list_head;
-        old.list_head.prev->next = &old.list_head;
-        avl_init(&ctx->objects, old.comp, false, NULL);
-        avl_remove_all_elements(&old, obj, avl, next) {
-            obj->id = 0;
-            if (obj->type)
-                obj->type->id = 0;
-            ubus_add_object(ctx, obj);
-        }
+    if (avl_is_empty(&old))
+        return;
+    // The head of the list of nodes is part of the tree, so the copy has to be tied in again.
+    old.list_head.next->prev = &old.list_head;
+    old.list_head.prev->next = &old.list_head;
+    avl_init(&ctx->objects, old.comp, false, NULL);
+    ctx->stack_depth++;
+    avl_remove_all_elements(&old, obj, avl, next) {
+        obj->id = 0;
+        if (obj->type)
+            obj->type->id = 0;
+        ubus_add_object(ctx, obj);
     }
+    ctx->stack_depth--;
 }
 
 static int send_answer(struct ubus_context *ctx, const struct ubus_request_data *req, uint8_t type, int fd) {

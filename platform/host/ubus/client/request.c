@@ -5,13 +5,24 @@
 #include <poll.h>
 #include <time.h>
 
-// The requests whose data callback is running, innermost first. Such a request may be aborted, and freed with that,
-// by its own callback.
+// Who is calling back right now, innermost first. A callback may abort its request, and free it with that; then it must
+// not be looked at again.
 struct Running {
     struct Running *outer;
     struct ubus_request *req;
 };
 static struct Running *running;
+
+static void enter(struct Running *self, struct ubus_request *req) {
+    *self = (struct Running){running, req};
+    running = self;
+}
+
+// False if the request is gone.
+static bool leave(const struct Running *self) {
+    running = self->outer;
+    return self->req != NULL;
+}
 
 static void forget(const struct ubus_request *req) {
     for (struct Running *r = running; r; r = r->outer)
@@ -19,14 +30,18 @@ static void forget(const struct ubus_request *req) {
             r->req = NULL;
 }
 
-// Zeroes the request and sends what is in the builder.
-int hostbus_start(struct ubus_context *ctx, struct ubus_request *req, uint8_t type, uint32_t peer, int fd) {
+static void reset(struct ubus_context *ctx, struct ubus_request *req) {
     memset(req, 0, sizeof *req);
     INIT_LIST_HEAD(&req->list);
     INIT_LIST_HEAD(&req->pending);
     req->ctx = ctx;
-    req->peer = peer;
     req->fd = -1;
+}
+
+// Zeroes the request and sends what is in the builder.
+int hostbus_start(struct ubus_context *ctx, struct ubus_request *req, uint8_t type, uint32_t peer, int fd) {
+    reset(ctx, req);
+    req->peer = peer;
     if (blob_raw_len(hostbus_builder.head) > HOSTBUS_MAX_MESSAGE)
         return UBUS_STATUS_INVALID_ARGUMENT;
     req->seq = ++ctx->request_seq;
@@ -36,28 +51,26 @@ int hostbus_start(struct ubus_context *ctx, struct ubus_request *req, uint8_t ty
 }
 
 static void complete(struct ubus_request *req, int ret) {
+    int fd = req->fd;
     forget(req);
     list_del_init(&req->list);
     hostbus_drop_kept(&req->pending);
     req->status_code = ret;
-    int fd = req->fd;
     req->fd = -1;
-    if (fd >= 0 && req->fd_cb)
+    if (fd >= 0 && req->fd_cb) {
+        struct Running self;
+        enter(&self, req);
         req->fd_cb(req, fd);
-    else
+        if (!leave(&self))
+            return;
+    } else {
         hostbus_close(&fd);
+    }
     req->status_msg = true;
     ubus_complete_handler_t cb = req->complete_cb;
     req->complete_cb = NULL;
     if (cb)
         cb(req, ret);
-}
-
-static void notify_complete(struct ubus_notify_request *nreq) {
-    ubus_notify_complete_handler_t cb = nreq->complete_cb;
-    nreq->complete_cb = NULL;
-    if (cb)
-        cb(nreq, 0, 0);
 }
 
 // The first STATUS, from the daemon, lists the subscribers; then each of them answers.
@@ -79,14 +92,17 @@ static void notify_status(struct ubus_notify_request *nreq, uint32_t peer, struc
             if (nreq->id[i] == peer) {
                 nreq->id[i] = 0;
                 nreq->pending--;
+                struct Running self;
+                enter(&self, &nreq->req);
                 if (nreq->status_cb)
                     nreq->status_cb(nreq, i + 1, status);
+                if (!leave(&self))
+                    return;
                 break;
             }
     }
-    if (nreq->pending == 0 && !list_empty(&nreq->req.list)) {
+    if (nreq->pending == 0)
         complete(&nreq->req, 0);
-    }
 }
 
 static bool is_answer_to(const struct ubus_request *req, const struct ubus_msghdr *hdr) {
@@ -117,21 +133,18 @@ static void deliver(struct ubus_request *req, const struct ubus_msghdr *hdr, str
     }
     hostbus_close(&fd);
 
-    struct Running self = {running, req};
+    struct ubus_notify_request *nreq = req->notify ? container_of(req, struct ubus_notify_request, req) : NULL;
     struct blob_attr *data = attrs[UBUS_ATTR_DATA];
-    running = &self;
-    req->blocked = true;
+    struct Running self;
+    enter(&self, req);
+    req->blocked = true; // what arrives for it meanwhile has to wait
     if (req->raw_data_cb)
         req->raw_data_cb(req, hdr->type, body);
-    if (self.req && data && req->notify) {
-        struct ubus_notify_request *nreq = container_of(req, struct ubus_notify_request, req);
-        if (nreq->data_cb)
-            nreq->data_cb(nreq, hdr->type, data);
-    } else if (self.req && data && req->data_cb) {
+    if (self.req && data && !nreq && req->data_cb)
         req->data_cb(req, hdr->type, data);
-    }
-    running = self.outer;
-    if (self.req)
+    if (self.req && data && nreq && nreq->data_cb)
+        nreq->data_cb(nreq, hdr->type, data);
+    if (leave(&self))
         req->blocked = false;
 }
 
@@ -144,17 +157,16 @@ void hostbus_answer(struct ubus_context *ctx, const struct ubus_msghdr *hdr, str
             hostbus_keep(&req->pending, hdr, body, fd);
             return;
         }
-        // Watched from outside: the callback may abort the request, and its memory may be gone then.
-        struct Running watch = {running, req};
-        running = &watch;
+        struct Running self;
+        enter(&self, req);
         deliver(req, hdr, body, fd);
-        while (watch.req && !list_empty(&req->pending)) {
+        while (self.req && !list_empty(&req->pending)) {
             struct Kept *kept = list_first_entry(&req->pending, struct Kept, list);
             list_del(&kept->list);
             deliver(req, &kept->hdr, kept->body, kept->fd);
             free(kept);
         }
-        running = watch.outer;
+        leave(&self);
         return;
     }
     hostbus_close(&fd);
@@ -167,17 +179,21 @@ void ubus_complete_request_async(struct ubus_context *ctx, struct ubus_request *
 
 void ubus_abort_request(struct ubus_context *ctx, struct ubus_request *req) {
     (void)ctx;
-    if (list_empty(&req->list))
-        return;
     forget(req);
+    if (!req->list.next || list_empty(&req->list))
+        return;
     req->cancelled = true;
     list_del_init(&req->list);
     hostbus_drop_kept(&req->pending);
 }
 
 void ubus_flush_requests(struct ubus_context *ctx) {
-    while (!list_empty(&ctx->requests))
-        complete(list_first_entry(&ctx->requests, struct ubus_request, list), UBUS_STATUS_TIMEOUT);
+    // Only those of now: a callback may list its request again.
+    struct list_head all;
+    INIT_LIST_HEAD(&all);
+    list_splice_init(&ctx->requests, &all);
+    while (!list_empty(&all))
+        complete(list_first_entry(&all, struct ubus_request, list), UBUS_STATUS_TIMEOUT);
 }
 
 static int64_t now_ms(void) {
@@ -239,14 +255,14 @@ bool hostbus_put_data(struct blob_attr *msg) {
 }
 
 static bool put_call(uint32_t obj, const char *method, struct blob_attr *msg) {
-    return blob_buf_init(&hostbus_builder, 0) == 0 && blob_put_u32(&hostbus_builder, UBUS_ATTR_OBJID, obj) &&
+    return method && blob_buf_init(&hostbus_builder, 0) == 0 && blob_put_u32(&hostbus_builder, UBUS_ATTR_OBJID, obj) &&
            blob_put_string(&hostbus_builder, UBUS_ATTR_METHOD, method) && hostbus_put_data(msg);
 }
 
 int ubus_invoke_async_fd(struct ubus_context *ctx, uint32_t obj, const char *method, struct blob_attr *msg,
                          struct ubus_request *req, int fd) {
     if (!put_call(obj, method, msg)) {
-        blob_buf_init(&hostbus_builder, 0);
+        reset(ctx, req);
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
     int ret = hostbus_start(ctx, req, UBUS_MSG_INVOKE, obj, fd);
@@ -267,13 +283,18 @@ int ubus_invoke_fd(struct ubus_context *ctx, uint32_t obj, const char *method, s
 }
 
 static void notify_done(struct ubus_request *req, int ret) {
+    struct ubus_notify_request *nreq = container_of(req, struct ubus_notify_request, req);
+    ubus_notify_complete_handler_t cb = nreq->complete_cb;
     (void)ret;
-    notify_complete(container_of(req, struct ubus_notify_request, req));
+    nreq->complete_cb = NULL;
+    if (cb)
+        cb(nreq, 0, 0);
 }
 
 static int start_notify(struct ubus_context *ctx, struct ubus_object *obj, const char *type, struct blob_attr *msg,
                         struct ubus_notify_request *nreq, bool reply) {
     memset(nreq, 0, sizeof *nreq);
+    reset(ctx, &nreq->req);
     if (!put_call(obj->id, type, msg) || (!reply && !blob_put_u8(&hostbus_builder, UBUS_ATTR_NO_REPLY, true)))
         return UBUS_STATUS_INVALID_ARGUMENT;
     int ret = hostbus_start(ctx, &nreq->req, UBUS_MSG_NOTIFY, obj->id, -1);

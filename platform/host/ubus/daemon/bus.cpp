@@ -1,7 +1,6 @@
 #include "bus.h"
 
 #include <algorithm>
-#include <sys/random.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -62,9 +61,7 @@ Bus::~Bus() {
 
 template <class Map> uint32_t Bus::new_id(const Map &taken) {
     for (;;) {
-        uint32_t id = 0;
-        if (getrandom(&id, sizeof id, 0) != sizeof id)
-            id = random_();
+        uint32_t id = random_();
         // A client reads its own id without swapping bytes, and takes 0 and 1 for errors.
         if (id >= UBUS_SYSTEM_OBJECT_MAX && __builtin_bswap32(id) > 1 && !taken.count(id))
             return id;
@@ -84,8 +81,10 @@ Client *Bus::add_client(int fd, Credentials who) {
     uint32_t id = new_id(clients_);
     auto &client = clients_[id] = std::make_unique<Client>(*this, fd, id, std::move(who));
     client->send({0, UBUS_MSG_HELLO, 0, id}, {});
-    client->watch();
-    return client.get();
+    if (client->watch())
+        return client.get();
+    clients_.erase(id);
+    return nullptr;
 }
 
 void Bus::remove_client(Client *client) {
@@ -110,8 +109,7 @@ void Bus::report(const Client &client, const Header &header, std::string_view bo
             .put_u8(UBUS_MONITOR_SEND, to_client)
             .put(UBUS_MONITOR_DATA, body);
         auto seq = static_cast<uint16_t>(++*monitor->monitor);
-        if (report.bytes().size() + 4 <= max_message)
-            monitor->transmit({0, UBUS_MSG_MONITOR, seq, 0}, report.bytes(), -1);
+        monitor->transmit({0, UBUS_MSG_MONITOR, seq, 0}, report.bytes(), -1);
     }
 }
 
@@ -311,7 +309,8 @@ void Bus::drop_object(Object *object) {
     }
     if (had_subscribers)
         tell_active(object, false);
-    listeners_.remove(object);
+    if (!object->patterns.empty())
+        listeners_.remove(object);
     if (object->has_path) {
         paths_.erase(object->path);
         object_event("ubus.object.remove", *object);
@@ -375,7 +374,8 @@ int Bus::notify(Client &from, const Header &header, const Attributes &attrs) {
     if (!no_reply) {
         Body ids;
         for (auto it = object->subscribers.rbegin(); it != object->subscribers.rend(); ++it)
-            ids.put_u32(0, (*it)->id);
+            if (ids.bytes().size() < max_message / 2) // libraries look at the first few only
+                ids.put_u32(0, (*it)->id);
         Body answer;
         answer.put_u32(UBUS_ATTR_OBJID, object->id)
             .put(UBUS_ATTR_SUBSCRIBERS, ids.bytes())
@@ -391,8 +391,7 @@ int Bus::notify(Client &from, const Header &header, const Attributes &attrs) {
             .put_string(UBUS_ATTR_USER, from.who.user)
             .put_string(UBUS_ATTR_GROUP, from.who.group)
             .copy(UBUS_ATTR_DATA, attrs.at[UBUS_ATTR_DATA]);
-        if (body.bytes().size() + 4 <= max_message)
-            (*it)->owner->send({0, UBUS_MSG_INVOKE, header.seq, from.id}, body.bytes());
+        (*it)->owner->send({0, UBUS_MSG_INVOKE, header.seq, from.id}, body.bytes());
     }
     return no_status;
 }
@@ -492,8 +491,7 @@ void Bus::send_event(const Client *from, const std::string &id, std::string_view
             continue;
         Body body;
         body.put_u32(UBUS_ATTR_OBJID, listener->id).put_string(UBUS_ATTR_METHOD, id).put(UBUS_ATTR_DATA, fields);
-        if (body.bytes().size() + 4 <= max_message)
-            listener->owner->send({0, UBUS_MSG_INVOKE, ++event_seq_, 0}, body.bytes());
+        listener->owner->send({0, UBUS_MSG_INVOKE, ++event_seq_, 0}, body.bytes());
     }
 }
 

@@ -43,10 +43,10 @@ public:
     ~Client();
     void on_event(unsigned events);
     void send(const Header &header, std::string_view body, int fd = -1);
-    // Out of the way of the message limits and of monitors.
+    // The same, unseen by monitors.
     void transmit(const Header &header, std::string_view body, int fd);
     bool idle() const { return queue_.size() == sent_; }
-    void watch();
+    bool watch();
 
     uint32_t id;
     Credentials who;

@@ -34,10 +34,9 @@ Client::~Client() {
 }
 
 // Nothing is read while a look-up waits for its reader: that bounds what one client can ask for.
-void Client::watch() {
+bool Client::watch() {
     unsigned events = ULOOP_ERROR_CB | (lookup ? 0u : unsigned{ULOOP_READ}) | (idle() ? 0u : unsigned{ULOOP_WRITE});
-    if (!sock_.registered || events != sock_.flags)
-        uloop_fd_add(&sock_, events);
+    return (sock_.registered && events == sock_.flags) || uloop_fd_add(&sock_, events) == 0;
 }
 
 void Client::send(const Header &header, std::string_view body, int fd) {
@@ -47,7 +46,7 @@ void Client::send(const Header &header, std::string_view body, int fd) {
 }
 
 void Client::transmit(const Header &header, std::string_view body, int fd) {
-    if (broken_)
+    if (broken_ || body.size() + 4 > max_message) // its reader would refuse it, and the connection with it
         return;
     uint32_t peer = cpu_to_be32(header.peer), outer = cpu_to_be32(static_cast<uint32_t>(body.size() + 4));
     uint16_t seq = cpu_to_be16(header.seq);

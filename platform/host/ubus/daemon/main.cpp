@@ -19,7 +19,7 @@ Bus *bus;
 int reserve = -1; // given up for a moment when descriptors run out, so that a waiting client can be turned away
 
 void accept_clients(uloop_fd *listener, unsigned) {
-    for (;;) {
+    for (int n = 0; n < 16; n++) {
         int fd = accept4(listener->fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (fd >= 0) {
             bus->add_client(fd);

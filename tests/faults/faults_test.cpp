@@ -1,0 +1,95 @@
+// Whatever the system refuses at whatever moment of an operation: it ends with 0 or -1, and the next one is right.
+#include "faults.h"
+
+#include "tavrik_sdk.h"
+
+#include <chrono>
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <tuple>
+
+namespace {
+
+size_t descriptors() {
+    size_t count = 0;
+    DIR *folder = opendir("/proc/self/fd");
+    while (readdir(folder))
+        count++;
+    closedir(folder);
+    return count;
+}
+
+int send_at() {
+    char response[512];
+    return Tavrik_AT_Send("AT+CFUN?", "OK", response, sizeof response, 2000);
+}
+
+int get_mode() {
+    int mode;
+    return Tavrik_DM_GetPhoneMode(&mode);
+}
+
+// A first request of a process, which makes the connection that later ones take over.
+int get_mode_anew() {
+    tavrik_ubus_deinit();
+    return get_mode();
+}
+
+int reopen() {
+    Tavrik_AT_Deinit();
+    return Tavrik_AT_Init();
+}
+
+int loop() {
+    const int result = tavrik_ubus_thread_init();
+    tavrik_ubus_deinit();
+    return result;
+}
+
+const struct Operation {
+    const char *name;
+    int (*run)();
+} kOperations[] = {{"Send", send_at}, {"Reopen", reopen}, {"Mode", get_mode}, {"ModeAnew", get_mode_anew}, {"Loop", loop}};
+
+const struct {
+    const char *name;
+    faults::Kind kind;
+} kKinds[] = {{"NoMemory", faults::no_memory}, {"ShortRead", faults::short_read}, {"ShortWrite", faults::short_write},
+              {"Eintr", faults::eintr},        {"Eagain", faults::eagain},        {"Emfile", faults::emfile}};
+
+class Faults : public testing::TestWithParam<std::tuple<int, int>> {};
+
+TEST_P(Faults, AtEachCall) {
+    const auto &operation = kOperations[std::get<0>(GetParam())];
+    const auto &kind = kKinds[std::get<1>(GetParam())];
+    Tavrik_AT_Deinit();
+    ASSERT_EQ(Tavrik_AT_Init(), 0);
+    ASSERT_EQ(operation.run(), 0);
+    tavrik_ubus_deinit();
+    ASSERT_EQ(operation.run(), 0);
+    const size_t before = descriptors();
+    int n = 0, failed = 0;
+    for (bool came = true; came && n < 300;) {
+        faults::arm(kind.kind, ++n);
+        const auto start = std::chrono::steady_clock::now();
+        const int result = operation.run();
+        came = faults::disarm();
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+        EXPECT_TRUE(result == 0 || result == -1) << "call " << n << ": " << result;
+        EXPECT_TRUE(came || result == 0) << "call " << n;
+        failed += result != 0;
+        Tavrik_AT_Init();
+        EXPECT_EQ(operation.run(), 0) << "after call " << n;
+    }
+    EXPECT_LT(n, 300);
+    tavrik_ubus_deinit(); // a context more may have been set up, and kept
+    EXPECT_EQ(operation.run(), 0);
+    EXPECT_EQ(descriptors(), before);
+    printf("%d calls, %d of them end it\n", n - 1, failed);
+}
+
+INSTANTIATE_TEST_SUITE_P(, Faults, testing::Combine(testing::Range(0, 5), testing::Range(0, 6)), [](const auto &param) {
+    return std::string(kOperations[std::get<0>(param.param)].name) + kKinds[std::get<1>(param.param)].name;
+});
+
+} // namespace
