@@ -29,6 +29,9 @@ bool is_utf8(const char *text, int32_t length) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static const bool nothing =
+        Tavrik_SMS_Decode(nullptr, nullptr) == -1 && Tavrik_SMS_Join(nullptr, nullptr, nullptr) == -1;
+    check(nothing);
     std::istringstream lines(std::string(reinterpret_cast<const char *>(data), size));
     for (std::string pdu; std::getline(lines, pdu);) {
         Tavrik_SmsDetail detail = {};
