@@ -37,7 +37,7 @@ bool at(const Arguments &arguments, Output &output) {
     if (Tavrik_AT_Init() != 0)
         return fail("at: the AT server cannot be reached");
     const int status = Tavrik_AT_Send(command.c_str(), arguments.text("--expect").c_str(), response, sizeof response,
-                                      arguments.number("--timeout"));
+                                      int(arguments.number("--timeout")));
     Tavrik_AT_Deinit();
     // What came is worth seeing after a failure too: it holds the modem's error.
     const std::vector<std::string> lines = lines_of(response);

@@ -16,8 +16,9 @@ struct Parameter {
     std::string help;
     bool required = false;
     std::vector<std::string> choices = {}; // the texts it may be; any when empty
-    int least = 0, most = -1;              // the range of a number; a text when empty
+    long long least = 0, most = -1;        // the range of a number; a text when empty
     std::string fallback = {};             // the value when it is left out
+    int words = 1;                         // how many it takes, all or none
 
     bool is_option() const { return name[0] == '-'; }
     bool is_switch() const { return is_option() && value.empty(); }
@@ -27,16 +28,22 @@ struct Parameter {
 inline Parameter word(const char *name, const char *help) {
     return {name, "", help, true};
 }
-inline Parameter optional_word(const char *name, const char *help, std::vector<std::string> choices) {
+inline Parameter chosen_word(const char *name, const char *help, std::vector<std::string> choices) {
+    return {name, "", help, true, std::move(choices)};
+}
+inline Parameter optional_word(const char *name, const char *help, std::vector<std::string> choices = {}) {
     return {name, "", help, false, std::move(choices)};
 }
-inline Parameter number(const char *name, const char *help, int least, int most) {
+inline Parameter number(const char *name, const char *help, long long least, long long most) {
     return {name, "", help, true, {}, least, most};
+}
+inline Parameter optional_number(const char *name, const char *help, long long least, long long most, int words = 1) {
+    return {name, "", help, false, {}, least, most, "", words};
 }
 inline Parameter text_option(const char *name, const char *value, const char *help, const char *fallback) {
     return {name, value, help, false, {}, 0, -1, fallback};
 }
-inline Parameter number_option(const char *name, const char *value, const char *help, int least, int most,
+inline Parameter number_option(const char *name, const char *value, const char *help, long long least, long long most,
                                const char *fallback) {
     return {name, value, help, false, {}, least, most, fallback};
 }
@@ -48,12 +55,12 @@ inline Parameter switch_option(const char *name, const char *help) {
 class Arguments {
   public:
     bool has(const std::string &name) const { return values_.count(name) != 0; }
-    const std::string &text(const std::string &name) const { return values_.at(name); }
-    int number(const std::string &name) const { return std::stoi(values_.at(name)); }
-    void set(const std::string &name, const std::string &value) { values_[name] = value; }
+    const std::string &text(const std::string &name) const { return values_.at(name).front(); }
+    long long number(const std::string &name, size_t word = 0) const { return std::stoll(values_.at(name).at(word)); }
+    void set(const std::string &name, std::vector<std::string> words) { values_[name] = std::move(words); }
 
   private:
-    std::map<std::string, std::string> values_;
+    std::map<std::string, std::vector<std::string>> values_;
 };
 
 struct Verb {
@@ -75,6 +82,10 @@ struct Family {
 Family at_family();
 Family dm_family();
 Family log_family();
+Family monitor_family();
+Family nw_family();
+Family pm_family();
+Family uim_family();
 
 struct Table {
     std::vector<Parameter> options; // of every verb

@@ -9,7 +9,7 @@ namespace tavrikctl {
 namespace {
 
 bool test(const Arguments &arguments, Output &) {
-    Tavrik_Switch_Log_Mode(arguments.number("MODE"));
+    Tavrik_Switch_Log_Mode(int(arguments.number("MODE")));
     Tavrik_Log_Test();
     return fflush(stdout) == 0 || fail("log test: cannot write to standard output");
 }

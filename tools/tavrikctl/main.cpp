@@ -14,10 +14,10 @@ namespace {
 enum { kDone = 0, kFailed = 1, kUsage = 2 };
 
 Table command_table() {
-    return {{switch_option("--json", "Print one JSON object instead of text"),
+    return {{switch_option("--json", "Print JSON instead of text, an object a line"),
              number_option("--log", "MODE", "Where the library logs to; mode 0 goes to standard error here", 0, 3, "1"),
              switch_option("--version", "Print the version and exit"), switch_option("--help", "Print help and exit")},
-            {dm_family(), at_family(), log_family()}};
+            {dm_family(), uim_family(), nw_family(), pm_family(), monitor_family(), at_family(), log_family()}};
 }
 
 CLI::Option *add(CLI::App &app, const Parameter &parameter) {
@@ -28,7 +28,7 @@ CLI::Option *add(CLI::App &app, const Parameter &parameter) {
         return app.set_version_flag("--version", "tavrikctl " TAVRIK_SDK_VERSION, help);
     if (parameter.is_switch())
         return app.add_flag(parameter.name, help);
-    CLI::Option *option = app.add_option(parameter.name, help)->expected(1)->type_size(1);
+    CLI::Option *option = app.add_option(parameter.name, help)->expected(parameter.words)->type_size(1);
     option->type_name(parameter.value)->required(parameter.required);
     if (!parameter.choices.empty())
         option->check(CLI::IsMember(parameter.choices));
@@ -44,9 +44,9 @@ Arguments arguments_of(const CLI::App &app, const std::vector<Parameter> &parame
     for (const Parameter &parameter : parameters) {
         const CLI::Option *option = app.get_option(parameter.name);
         if (option->count())
-            arguments.set(parameter.name, option->results().front());
+            arguments.set(parameter.name, option->results());
         else if (!parameter.fallback.empty())
-            arguments.set(parameter.name, parameter.fallback);
+            arguments.set(parameter.name, {parameter.fallback});
     }
     return arguments;
 }
@@ -62,7 +62,7 @@ bool on_module() {
 }
 
 int run(const Verb &verb, const Arguments &arguments, const Arguments &options) {
-    const int log_mode = options.number("--log");
+    const int log_mode = int(options.number("--log"));
     Tavrik_Switch_Log_Mode(log_mode);
     FILE *file = stdout;
     if (log_mode == TAVRIK_LOG_STDOUT) {

@@ -14,14 +14,29 @@ class Output {
 
     // One value: "Label: value", or a member `key`. A value that is not there is not printed at all.
     void field(const char *key, const char *label, const std::string &value);
+    // A number, with what people want to read behind it.
+    void field(const char *key, const char *label, long long value, const std::string &behind = "");
+    // A member for scripts alone, where the text tells it in another way.
+    void member(const char *key, nlohmann::ordered_json value) { record_[key] = std::move(value); }
     // Lines as they stand, or a member `key` with an array of them.
     void lines(const char *key, const std::vector<std::string> &lines);
+
+    // Begins a record that is one line of text, "name: label value, label value".
+    void event(const char *name);
+    // From now on each record takes the place of the one before on a terminal.
+    void redraw();
+
     // Ends a record: it is written in one piece. False when it could not be written.
     bool end();
 
   private:
+    void show(const char *label, const std::string &value);
+
     FILE *file_;
     bool json_;
+    bool one_line_ = false;
+    bool redraw_ = false;
+    long drawn_ = 0; // lines of the record before, on a terminal that is redrawn
     std::string text_;
     nlohmann::ordered_json record_ = nlohmann::ordered_json::object();
 };
