@@ -140,7 +140,7 @@ TEST_F(Teardown, left_behind) {
 TEST_F(Teardown, of_each_other) {
     for (const bool everything : {false, true}) {
         add_all();
-        Event network_inside, sim_inside, network_done, sim_done;
+        Event network_inside, sim_inside, network_done, sim_done, network_ended;
         std::atomic<int64_t> longest{0};
         g_inside = [&](const std::string &event) {
             const bool network = event[0] == 'n';
@@ -152,44 +152,59 @@ TEST_F(Teardown, of_each_other) {
             longest = std::max(longest.load(), took);
             (network ? network_done : sim_done).set();
             (network ? sim_done : network_done).wait();
+            if (network)
+                network_ended.set();
         };
         server.answer("+CREG: 1\r\n");
         std::thread other([] { on_at_indication_report("+CPIN: READY"); });
         other.join();
-        EXPECT_EQ(events("nw 1 1f 0 0").size(), 2u);
+        network_ended.wait();
         EXPECT_LT(longest, 1500);
         g_inside = nullptr;
         tavrik_indication_deregister();
     }
 }
 
-// The last registration ends in a callback, which waits for the loop thread, while the loop thread ends the callback's.
+// A callback ends the last registration, and so waits for the loop thread's end, while that ends the callback's family.
+std::function<void()> g_on_loop;
+
 TEST_F(Teardown, with_the_loop_thread) {
-    ASSERT_EQ(add(TAVRIK_IND_NETWORK), 0);
-    ASSERT_TRUE(server.accept_client());
-    static Event network_inside, loop_inside;
-    static std::atomic<int64_t> loop_took{0};
-    uloop_timeout timeout = {};
-    timeout.cb = [](uloop_timeout *) {
-        loop_inside.set();
-        network_inside.wait();
-        loop_took = duration(tavrik_indication_deregister);
-    };
-    int64_t took = 0;
-    g_inside = [&](const std::string &) {
-        network_inside.set();
-        loop_inside.wait();
-        took = duration(tavrik_indication_smsderegister);
-    };
-    ASSERT_EQ(tavrik_ubus_init(), 0);
-    tavrik_ubus_lock();
-    uloop_timeout_set(&timeout, 0);
-    tavrik_ubus_unlock();
-    ASSERT_EQ(tavrik_ubus_thread_init(), 0);
-    server.answer("+CREG: 1\r\n");
-    EXPECT_EQ(events("nw 1 1f 0 0").size(), 1u);
-    EXPECT_LT(took, 1500);
-    EXPECT_LT(loop_took, 1500);
+    for (const bool loop_first : {false, true}) {
+        ASSERT_EQ(add(TAVRIK_IND_NETWORK), 0);
+        if (loop_first) { // two for the loop thread, one for the callback
+            ASSERT_EQ(add(TAVRIK_IND_CELL), 0);
+            ASSERT_EQ(add(TAVRIK_IND_SIM), 0);
+        }
+        ASSERT_TRUE(server.accept_client());
+        Event callback_inside, loop_inside, ended;
+        int64_t took = 0, loop_took = 0;
+        g_on_loop = [&] {
+            loop_inside.set();
+            callback_inside.wait();
+            usleep(loop_first ? 0 : 100000);
+            loop_took = duration(loop_first ? tavrik_indication_nwderegister : tavrik_indication_deregister);
+        };
+        g_inside = [&](const std::string &) {
+            callback_inside.set();
+            loop_inside.wait();
+            usleep(loop_first ? 100000 : 0);
+            took = duration(tavrik_indication_smsderegister);
+            ended.set();
+        };
+        uloop_timeout timeout = {};
+        timeout.cb = [](uloop_timeout *) { g_on_loop(); };
+        ASSERT_EQ(tavrik_ubus_init(), 0);
+        tavrik_ubus_lock();
+        uloop_timeout_set(&timeout, 0);
+        tavrik_ubus_unlock();
+        ASSERT_EQ(tavrik_ubus_thread_init(), 0);
+        server.answer("+CREG: 1\r\n");
+        ended.wait();
+        tavrik_indication_deregister();
+        tavrik_ubus_deinit();
+        EXPECT_LT(took, 1500);
+        EXPECT_LT(loop_took, 1500);
+    }
 }
 
 // Everything is removed while a registration still waits for the server: no thread is left over.
