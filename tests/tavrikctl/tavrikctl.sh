@@ -36,7 +36,17 @@ outside)
   expect 2 '' at AT --timeout -1
   expect 2 '' --log 4 dm info
   expect 2 '' log test
-  for verb in 'dm info' 'dm mode' 'at' 'log test'; do
+  expect 2 '' uim power
+  expect 2 '' uim power high
+  expect 2 '' nw band 1 2 3 4
+  expect 2 '' nw band 1 2 3 4 4294967296
+  expect 2 '' nw mode 6
+  expect 2 '' nw lock 3 0 7
+  expect 2 '' nw powerind 2
+  expect 2 '' pm lock
+  expect 2 '' pm lock name -1
+  expect 2 '' monitor --count 0
+  for verb in 'dm info' 'dm mode' 'uim number' 'nw signal' 'pm lock' 'monitor' 'at' 'log test'; do
     # shellcheck disable=SC2086 # two words
     "$build/tavrikctl" $verb --help | grep -q '^Usage: tavrikctl' || { echo "$verb: no help" && failed=1; }
   done
@@ -48,14 +58,21 @@ outside)
   # Where neither is there, and no other test of this machine can put it there.
   "$build/tavrik-sim" run --without at --without bus -- "$0" "$build" empty || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" module || failed=1
+  "$build/tavrik-sim" run -- "$0" "$build" radio || failed=1
+  "$build/tavrik-sim" run -- "$0" "$build" events || failed=1
   exit $failed
   ;;
 empty)
-  for arguments in 'dm info' '--json dm mode' 'at AT --expect OK' '--log 0 dm mode online'; do
+  for arguments in 'dm info' '--json dm mode' 'at AT --expect OK' '--log 0 dm mode online' 'pm reboot' 'monitor'; do
     # shellcheck disable=SC2086 # several words
     expect 1 '' $arguments
     errors_match '^tavrikctl: no module here[^|]*\|$'
   done
+  exit $failed
+  ;;
+radio | events)
+  # shellcheck source=/dev/null
+  . "${0%/*}/$place.sh"
   exit $failed
   ;;
 esac

@@ -1,6 +1,5 @@
 #include "output.h"
 
-#include <algorithm>
 #include <unistd.h>
 
 namespace tavrikctl {
@@ -61,11 +60,8 @@ bool Output::end() {
     // Text of the modem need not be UTF-8; the record stays valid JSON all the same.
     std::string text =
         json_ ? record_.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n" : text_;
-    if (redraw_) { // to the first line of the record before, and all from there on erased
-        const std::string up = drawn_ ? "\033[" + std::to_string(drawn_) + "A\033[J" : "";
-        drawn_ = std::count(text.begin(), text.end(), '\n');
-        text = up + text;
-    }
+    if (redraw_) // from the top: what the library logs meanwhile may stand below
+        text = "\033[H\033[J" + text;
     text_.clear();
     one_line_ = false;
     record_ = nlohmann::ordered_json::object();

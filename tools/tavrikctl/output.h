@@ -23,7 +23,7 @@ class Output {
 
     // Begins a record that is one line of text, "name: label value, label value".
     void event(const char *name);
-    // From now on each record takes the place of the one before on a terminal.
+    // From now on each record has the screen of a terminal to itself.
     void redraw();
 
     // Ends a record: it is written in one piece. False when it could not be written.
@@ -36,7 +36,6 @@ class Output {
     bool json_;
     bool one_line_ = false;
     bool redraw_ = false;
-    long drawn_ = 0; // lines of the record before, on a terminal that is redrawn
     std::string text_;
     nlohmann::ordered_json record_ = nlohmann::ordered_json::object();
 };
