@@ -149,6 +149,14 @@ for arguments in 'lock a\ b' 'unlock nosuch'; do
   eval "expect 1 '' pm $arguments"
 done
 
+# What the library reads the list with.
+programs=$(mktemp -d)
+printf '#!/bin/sh\n[ "$*" = /sys/power/wake_lock ] && echo one two\n' >"$programs/cat"
+chmod +x "$programs/cat"
+PATH=$programs:$PATH expect 0 $'one\ntwo' pm locks
+PATH=$programs:$PATH expect 0 '{"locks":["one","two"]}' --json pm locks
+rm -r "$programs"
+
 # On a terminal each table has the screen to itself. Last, since it goes on asking for a while.
 answer "$nothing"
 bytes=48

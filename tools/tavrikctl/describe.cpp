@@ -43,6 +43,8 @@ std::string bold(const std::string &text) {
 
 std::string roff_name(const Parameter &parameter) {
     const std::string name = parameter.is_option() ? bold(parameter.name) : "\\fI" + roff(parameter.name) + "\\fR";
+    if (parameter.words > 1)
+        return name + " ...";
     return parameter.value.empty() ? name : name + " \\fI" + roff(parameter.value) + "\\fR";
 }
 

@@ -198,6 +198,7 @@ bool monitor(const Arguments &arguments, Output &output) {
         return fail("monitor: the indication channel cannot be opened");
     }
     bool lost = false;
+    long long missing;
     {
         std::unique_lock<std::mutex> lock(g_monitor.mutex);
         while (g_monitor.left && g_monitor.written && !lost && steady_clock::now() < until) {
@@ -205,14 +206,16 @@ bool monitor(const Arguments &arguments, Output &output) {
             g_monitor.changed.wait_until(lock, std::min(until, steady_clock::now() + milliseconds(250)));
             lost = Tavrik_Indication_State() == TAVRIK_INDICATION_LOST;
         }
+        missing = g_monitor.left;
+        g_monitor.left = 0; // `output` ends before the thread may
     }
     tavrik_indication_deregister();
     if (!g_monitor.written)
         return fail("monitor: cannot write an event");
-    if (g_monitor.left && lost)
+    if (missing && lost)
         return fail("monitor: the AT server has closed the indication channel");
-    if (g_monitor.left && arguments.has("--count"))
-        return fail("monitor: " + std::to_string(g_monitor.left) + " events fewer than wanted");
+    if (missing && arguments.has("--count"))
+        return fail("monitor: " + std::to_string(missing) + " events fewer than wanted");
     return true;
 }
 
