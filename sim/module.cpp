@@ -123,8 +123,7 @@ void Module::make_services() {
 }
 
 void Module::renew() {
-    context_.modem.reset();
-    context_.modem.set(scenario_.state);
+    context_.modem.reset(scenario_.state);
     context_.rules = RuleTable::built_in();
     context_.rules.add(scenario_.rules);
     context_.clock.reset();

@@ -132,7 +132,7 @@ void check_field(const std::string &name) {
 // Every place of `text` can be filled by the command or by the modem.
 void check_places(const Template &text, const Template &command) {
     for (const Template::Place &place : text.places) {
-        bool known = Modem::has(place.name);
+        bool known = Modem::shows(place.name);
         for (const Template::Place &captured : command.places)
             known = known || captured.name == place.name;
         if (!known)
@@ -177,7 +177,8 @@ void RuleTable::add(const json &rules) {
                 if (key == "when" || key == "set") {
                     check_kind(value.is_object(), "an object");
                     for (auto &[field, content] : value.items()) {
-                        check_field(field);
+                        if (key == "set" || !Modem::shows(field))
+                            check_field(field);
                         if (key == "when")
                             rule.when.emplace_back(field, text_of(content));
                         else
@@ -226,11 +227,16 @@ RuleTable::Reply RuleTable::answer(std::string_view command, Modem &modem) const
             fits = fits && modem.text(field) == value;
         if (!fits)
             continue;
-        try {
-            for (auto &[field, value] : rule.set)
-                modem.set_text(field, fill(value, captures, modem));
-        } catch (const std::invalid_argument &) {
-            break; // a value that the modem does not take
+        if (!rule.set.empty()) {
+            ModemState before = modem.state();
+            try {
+                for (auto &[field, value] : rule.set)
+                    modem.set_text(field, fill(value, captures, modem));
+            } catch (const std::invalid_argument &) {
+                modem.state() = std::move(before);
+                break; // a value that the modem does not take
+            }
+            modem.report(before);
         }
         Reply reply;
         if (rule.reply) {

@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <variant>
 
+#include "model/reports.h"
+
 namespace tavrik::sim {
 
 using nlohmann::json;
@@ -26,6 +28,47 @@ const Field fields[] = {
     {"imei", &ModemState::imei},
     {"mode", &ModemState::mode},
     {"echo", &ModemState::echo},
+    {"cmee", &ModemState::cmee, 0, 2},
+    {"sim", &ModemState::sim},
+    {"sim_error", &ModemState::sim_error, 0},
+    {"iccid", &ModemState::iccid},
+    {"imsi", &ModemState::imsi},
+    {"number", &ModemState::number},
+    {"number_name", &ModemState::number_name},
+    {"sim_status_length", &ModemState::sim_status_length, 0, 65536},
+    {"creg_n", &ModemState::creg_n, 0, 2},
+    {"cgreg_n", &ModemState::cgreg_n, 0, 2},
+    {"cereg_n", &ModemState::cereg_n, 0, 2},
+    {"cireg_n", &ModemState::cireg_n, 0, 2},
+    {"creg", &ModemState::creg, 0, 10},
+    {"cgreg", &ModemState::cgreg, 0, 10},
+    {"cereg", &ModemState::cereg, 0, 10},
+    {"ims", &ModemState::ims, 0, 1},
+    {"attached", &ModemState::attached},
+    {"act", &ModemState::act, 0, 15},
+    {"mcc", &ModemState::mcc},
+    {"mnc", &ModemState::mnc},
+    {"area", &ModemState::area, 0, 0xFFFFFF},
+    {"cell", &ModemState::cell, 0, 0xFFFFFFF},
+    {"arfcn", &ModemState::arfcn, 0},
+    {"band", &ModemState::band, 0, UINT16_MAX},
+    {"bandwidth", &ModemState::bandwidth, 0, UINT8_MAX},
+    {"phys_id", &ModemState::phys_id, 0, UINT16_MAX},
+    {"rxlev", &ModemState::rxlev, 0, UINT8_MAX},
+    {"ber", &ModemState::ber, 0, UINT8_MAX},
+    {"rscp", &ModemState::rscp, 0, UINT8_MAX},
+    {"ecno", &ModemState::ecno, 0, UINT8_MAX},
+    {"rsrq", &ModemState::rsrq, 0, UINT8_MAX},
+    {"rsrp", &ModemState::rsrp, 0, UINT8_MAX},
+    {"sinr", &ModemState::sinr, INT16_MIN, INT16_MAX},
+    {"cqi", &ModemState::cqi, 0, INT16_MAX},
+    {"band_mode", &ModemState::band_mode, 0, 15},
+    {"bands", &ModemState::bands},
+    {"band_last", &ModemState::band_last},
+    {"cell_lock", &ModemState::cell_lock},
+    {"reject_report", &ModemState::reject_report},
+    {"reject_causes", &ModemState::reject_causes},
+    {"powerind", &ModemState::powerind, 0, 31},
 };
 
 const Field *find(std::string_view name) {
@@ -71,6 +114,10 @@ bool Modem::has(std::string_view field) {
     return find(field) != nullptr;
 }
 
+bool Modem::shows(std::string_view name) {
+    return has(name) || find_view(name) != nullptr;
+}
+
 json Modem::get() const {
     json all = json::object();
     for (const Field &field : fields)
@@ -80,8 +127,10 @@ json Modem::get() const {
 
 std::string Modem::text(std::string_view name) const {
     const Field *field = find(name);
-    if (!field)
-        return {};
+    if (!field) {
+        View view = find_view(name);
+        return view ? view(state_) : "";
+    }
     if (auto *text = std::get_if<std::string ModemState::*>(&field->member))
         return state_.**text;
     if (auto *number = std::get_if<int32_t ModemState::*>(&field->member))
@@ -99,7 +148,23 @@ void Modem::set(const json &values) {
             throw std::invalid_argument("unknown field \"" + name + "\"");
         std::visit(Store{changed, *field, value}, field->member);
     }
-    state_ = std::move(changed);
+    std::swap(state_, changed);
+    report(changed);
+}
+
+void Modem::reset() {
+    state_ = {};
+}
+
+void Modem::reset(const json &fields) {
+    Modem fresh;
+    fresh.set(fields);
+    state_ = std::move(fresh.state_);
+}
+
+void Modem::report(const ModemState &before) const {
+    for (const std::string &line : reports(before, state_))
+        unsolicited(line);
 }
 
 void Modem::set_text(std::string_view name, const std::string &text) {

@@ -14,8 +14,38 @@ struct ModemState {
     std::string model = "TL100";
     std::string revision = "TL100-1.0.0";
     std::string imei = "490154203237518";
-    int32_t mode = 1;  // functionality: 0 minimum, 1 full, 4 radio off
+    int32_t mode = 1;  // functionality: 0 minimum, 1 full, 4 radio off, 5 card off
     bool echo = false; // commands come back in front of their replies
+    int32_t cmee = 1;  // errors as ERROR, numbers, words
+
+    // The card.
+    std::string sim = "READY"; // as +CPIN tells it
+    int32_t sim_error = 0;     // questions to the card fail with this +CME ERROR
+    std::string iccid = "89882010000000000014";
+    std::string imsi = "001010123456789";
+    std::string number = "+12025550123";
+    std::string number_name = "Own";
+    int32_t sim_status_length = 280; // of the reply to the RIL request
+
+    // The network: settings of the reports, states as in 3GPP TS 27.007, and the serving cell.
+    int32_t creg_n = 2, cgreg_n = 2, cereg_n = 2, cireg_n = 0;
+    int32_t creg = 1, cgreg = 1, cereg = 1, ims = 1;
+    bool attached = true;
+    int32_t act = 7;
+    std::string mcc = "001", mnc = "01";
+    int32_t area = 0x2A1C, cell = 0x1D4E5F6;
+    int32_t arfcn = 1300, band = 3, bandwidth = 20, phys_id = 22;
+    int32_t rxlev = 99, ber = 99, rscp = 255, ecno = 255, rsrq = 25, rsrp = 60;
+    int32_t sinr = 18, cqi = 11;
+
+    // Settings of the radio.
+    int32_t band_mode = 15;
+    std::string bands = "78,147,482,134742231"; // as the modem lists them behind the mode
+    std::string band_last = "0";
+    std::string cell_lock; // "ACT,ARFCN,CELL" of a cell that the modem was told to stay on
+    bool reject_report = false;
+    std::string reject_causes; // "A,B,C;…"
+    int32_t powerind = 0;
 };
 
 // The modem behind all services: its state, read and changed by field name, and the lines that it sends unasked. It
@@ -28,15 +58,21 @@ class Modem {
     const ModemState &state() const { return state_; }
 
     static bool has(std::string_view field);
+    // A field, or one of the views on them that only AT replies use (model/reports.h).
+    static bool shows(std::string_view name);
     // The fields as a JSON object.
     nlohmann::json get() const;
-    // One field as an AT reply shows it.
-    std::string text(std::string_view field) const;
-    // Sets the given fields, all or none. Throws std::invalid_argument for an unknown field or a bad value.
+    // A field or view as an AT reply shows it.
+    std::string text(std::string_view name) const;
+    // Sets the given fields, all or none, and reports what changed. Throws std::invalid_argument for an unknown field or a bad value.
     void set(const nlohmann::json &fields);
-    // One field from the text that an AT command carried.
+    // One field from the text that an AT command carried; report() is the caller's.
     void set_text(std::string_view field, const std::string &text);
-    void reset() { state_ = {}; }
+    // As new, with the given fields; nothing is reported.
+    void reset();
+    void reset(const nlohmann::json &fields);
+    // Sends the lines that report how the modem differs from what it was before.
+    void report(const ModemState &before) const;
 
     // Who hears the unsolicited lines, given without their line ends.
     UnsolicitedLine on_unsolicited;

@@ -44,15 +44,37 @@ RilReply set_mode(Modem &modem, std::string_view payload) {
     std::optional<int32_t> mode = int32_in(payload);
     if (!mode)
         return {ril_generic_failure, {}};
+    const ModemState before = modem.state();
     modem.state().mode = *mode;
+    modem.report(before);
     return {};
+}
+
+// A card status: present or not in front, and nothing told of the rest.
+RilReply get_sim_status(Modem &modem, std::string_view) {
+    std::string data = int32_bytes(modem.state().sim != "SIM REMOVED");
+    data.resize(static_cast<size_t>(modem.state().sim_status_length));
+    return {ril_success, data};
+}
+
+RilReply get_imsi(Modem &modem, std::string_view) {
+    if (modem.text("card_error") != "0")
+        return {ril_generic_failure, {}};
+    return {ril_success, modem.state().imsi};
+}
+
+RilReply get_ps_state(Modem &modem, std::string_view) {
+    return {ril_success, int32_bytes(modem.state().attached)};
 }
 
 const struct {
     uint32_t id;
     RilReply (*serve)(Modem &modem, std::string_view payload);
 } ril_requests[] = {
+    {1, get_sim_status},
+    {11, get_imsi},
     {38, get_imei},
+    {521, get_ps_state},
     {537, get_mode},
     {538, set_mode},
 };
