@@ -29,8 +29,8 @@ done <<'END'
 +CREG: 2|{"event":"registration","domain":"CS","state":"searching"}|registration: domain CS, state searching
 +CPIN: SIM PUK|{"event":"sim","status":"PUK required","source":"+CPIN","text":"SIM PUK"}|sim: status PUK required, source +CPIN, text SIM PUK
 +SIMCARD: 0|{"event":"sim","status":"absent","source":"+SIMCARD","value":0,"text":"0"}|sim: status absent, source +SIMCARD, value 0, text 0
-+EEMLTESVC: 001,01,2A1C,1D4E5F6,1300,3,20,22,60,25,18|{"event":"cell","technology":"LTE","mcc":1,"mnc":"01","area":10780,"cell":30729718,"arfcn":1300,"band":3,"bandwidth":20,"phys_id":22,"rsrp":60,"rsrp_dbm":-81,"rsrq":25,"rsrq_db":-7.5,"sinr":18}|cell: technology LTE, MCC 1, MNC 01, area 10780, cell 30729718, channel 1300, band 3, bandwidth 20, physical id 22, RSRP 60 (-81 dBm), RSRQ 25 (-7.5 dB), SINR 18
-+EEMGINFOSVC: 262,002,1,A|{"event":"cell","technology":"GSM","mcc":262,"mnc":"002","area":1,"cell":10}|cell: technology GSM, MCC 262, MNC 002, area 1, cell 10
++EEMLTESVC: 001,01,2A1C,1D4E5F6,1300,3,20,22,60,25,18|{"event":"cell","technology":"LTE","mcc":"001","mnc":"01","area":10780,"cell":30729718,"arfcn":1300,"band":3,"bandwidth":20,"phys_id":22,"rsrp":60,"rsrp_dbm":-81,"rsrq":25,"rsrq_db":-7.5,"sinr":18}|cell: technology LTE, MCC 001, MNC 01, area 10780, cell 30729718, channel 1300, band 3, bandwidth 20, physical id 22, RSRP 60 (-81 dBm), RSRQ 25 (-7.5 dB), SINR 18
++EEMGINFOSVC: 262,002,1,A|{"event":"cell","technology":"GSM","mcc":"262","mnc":"002","area":1,"cell":10}|cell: technology GSM, MCC 262, MNC 002, area 1, cell 10
 +CESQ: 63,7,0,49,255,255|{"event":"signal","rxlev":63,"rxlev_dbm":-48,"ber":7,"rscp":0,"rscp_dbm":-121,"ecno":49,"ecno_db":0.0}|signal: RXLEV 63 (-48 dBm), BER 7, RSCP 0 (below -120 dBm), Ec/No 49 (0 dB)
 +ZCONSTAT: 1,2|{"event":"data","cid":2,"profile":1,"state":"up","interface":"ccinet1"}|data: context 2, profile 1, state up, interface ccinet1
 +CLCC: 1,1,4,0,0,\"+4930\",145|{"event":"call","call":1,"state":"incoming","direction":"incoming","number":"+4930"}|call: id 1, state incoming, direction incoming, number +4930

@@ -4,6 +4,7 @@
 #include "names.h"
 #include "output.h"
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <condition_variable>
@@ -85,13 +86,17 @@ void put(Output &output, const Tavrik_SimEvent &event) {
     output.field("text", "text", std::string(event.text, strnlen(event.text, sizeof event.text)));
 }
 
+// A network code is digits, those in front too.
+std::string digits(unsigned code, size_t count) {
+    const std::string text = std::to_string(code);
+    return std::string(count - std::min(count, text.size()), '0') + text;
+}
+
 void put(Output &output, const Tavrik_CellEvent &event) {
     output.event("cell");
     output.field("technology", "technology", technology_name(event.act));
-    output.field("mcc", "MCC", event.mcc);
-    const std::string mnc = std::to_string(event.mnc);
-    output.field("mnc", "MNC",
-                 std::string(event.mnc_digits > mnc.size() ? event.mnc_digits - mnc.size() : 0, '0') + mnc);
+    output.field("mcc", "MCC", digits(event.mcc, 3));
+    output.field("mnc", "MNC", digits(event.mnc, event.mnc_digits));
     output.field("area", "area", event.area);
     output.field("cell", "cell", event.cell);
     if (event.arfcn != TAVRIK_UNKNOWN_U32)
