@@ -11,8 +11,9 @@
  * Threads. Every operation may be called from any thread at any time unless its description says otherwise. Calls
  * block the thread that makes them, and nothing else, for the time that is stated.
  *
- * Callbacks. Reply handlers of requests run on the thread that made the request, before the request returns. They may
- * call any operation unless its description says otherwise; the library holds no lock while it runs one.
+ * Callbacks. Reply handlers of requests run on the thread that made the request, before the request returns; those of
+ * indications on a thread of the library. They may call any operation unless its description says otherwise; the library
+ * holds no lock while it runs one.
  *
  * The process. The library is a guest: it leaves signal dispositions as they are, raises no SIGPIPE, waits for no child
  * that it did not start, opens every descriptor close-on-exec, and never ends the process.
