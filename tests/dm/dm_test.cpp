@@ -1,7 +1,6 @@
 // Identity and phone mode against the simulated modem, and against answers that no modem should give.
 #include <atomic>
 #include <cstring>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -12,6 +11,7 @@
 namespace {
 
 using nlohmann::json;
+using sim::fault, sim::hex, sim::log_of;
 
 class Dm : public testing::Test {
   protected:
@@ -22,32 +22,6 @@ class Dm : public testing::Test {
     }
     ~Dm() { Tavrik_AT_Deinit(); }
 };
-
-void fault(const char *service, const json &match, json effect) {
-    effect["service"] = service;
-    effect["match"] = match;
-    sim::call("fault", effect);
-}
-
-// Calls with the fault in place; what was logged at level error, each as "FUNCTION: TEXT\n".
-template <class Run>
-std::string log_of(Run run) {
-    testing::internal::CaptureStdout();
-    run();
-    fflush(stdout);
-    return std::regex_replace(testing::internal::GetCapturedStdout(), std::regex("\\[sdklog err:(\\w+):[0-9]+\\]:"),
-                              "$1: ");
-}
-
-std::string hex(const std::string &bytes) {
-    std::string text;
-    char pair[3];
-    for (const unsigned char byte : bytes) {
-        snprintf(pair, sizeof pair, "%02x", byte);
-        text += pair;
-    }
-    return text;
-}
 
 std::vector<std::string> requests_with(int id) {
     std::vector<std::string> payloads;

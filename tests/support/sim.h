@@ -6,10 +6,14 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <regex>
 #include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <vector>
+
+#include "tavrik_sdk.h"
 
 namespace sim {
 
@@ -37,5 +41,83 @@ inline nlohmann::json call(const std::string &verb, const nlohmann::json &args =
     }
     return parsed["result"];
 }
+
+inline void fault(const char *service, const nlohmann::json &match, nlohmann::json effect) {
+    effect["service"] = service;
+    effect["match"] = match;
+    call("fault", effect);
+}
+
+// What a call logged (log mode 0), each line as "FUNCTION: TEXT\n", with its level in front unless that is error.
+template <class Run>
+std::string log_of(Run run) {
+    testing::internal::CaptureStdout();
+    run();
+    fflush(stdout);
+    const std::string log = std::regex_replace(testing::internal::GetCapturedStdout(),
+                                               std::regex("\\[sdklog (\\w+):(\\w+):[0-9]+\\]:"), "$1 $2: ");
+    return std::regex_replace(log, std::regex("(^|\n)err "), "$1");
+}
+
+inline std::string hex(const std::string &bytes) {
+    std::string text;
+    char pair[3];
+    for (const unsigned char byte : bytes) {
+        snprintf(pair, sizeof pair, "%02x", byte);
+        text += pair;
+    }
+    return text;
+}
+
+// What the record holds of a kind, in order; it is forgotten then.
+inline std::vector<std::string> recorded(const char *kind) {
+    std::vector<std::string> texts;
+    const nlohmann::json record = call("record", {{"kind", kind}, {"clear", true}});
+    for (const nlohmann::json &entry : record["entries"])
+        texts.push_back(entry.value("text", entry.value("hex", "")));
+    return texts;
+}
+
+// One operation with the simulated modem.
+struct Exchange {
+    const char *what;
+    nlohmann::json given; // {"state": {…}, "fault": {…}}: fields of the modem, and what goes wrong with its replies
+    std::string (*run)(); // makes the call, and tells its result and outputs
+    std::vector<std::string> wire; // AT commands sent
+    std::string outcome;
+    std::string log;
+};
+
+// A test whose every exchange finds a new modem.
+class AtTest : public testing::Test {
+  protected:
+    AtTest() {
+        call("reset");
+        Tavrik_Switch_Log_Mode(TAVRIK_LOG_STDOUT);
+        EXPECT_EQ(Tavrik_AT_Init(), 0);
+    }
+    ~AtTest() override {
+        Tavrik_AT_Deinit();
+        call("reset");
+    }
+    void check(const std::vector<Exchange> &exchanges) {
+        for (const Exchange &exchange : exchanges) {
+            SCOPED_TRACE(exchange.what);
+            if (exchange.given.contains("state"))
+                call("state", exchange.given["state"]);
+            if (exchange.given.contains("fault"))
+                fault("at", exchange.given["fault"].value("match", "*"), exchange.given["fault"]);
+            std::string outcome;
+            EXPECT_EQ(log_of([&] { outcome = exchange.run(); }), exchange.log);
+            EXPECT_EQ(outcome, exchange.outcome);
+            EXPECT_EQ(recorded("at"), exchange.wire);
+            call("reset");
+        }
+    }
+};
+
+// What logs of a refused command and of an answer without the expected line say first.
+inline const std::string refused = "Tavrik_AT_Send: response error\n",
+                         unmatched = "handle_response_data: failed to match the keyword\n";
 
 } // namespace sim
