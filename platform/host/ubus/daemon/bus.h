@@ -38,7 +38,7 @@ struct Lookup {
 
 // One connection. Its socket is non-blocking both ways; what cannot be sent at once waits here, up to a limit.
 class Client {
-public:
+  public:
     Client(Bus &bus, int fd, uint32_t id, Credentials who);
     ~Client();
     void on_event(unsigned events);
@@ -55,7 +55,7 @@ public:
     std::optional<uint32_t> monitor; // reports so far, while monitoring
     size_t held = 0;                 // memory that the bus spends on this client's objects
 
-private:
+  private:
     bool receive();
     void flush();
 
@@ -89,8 +89,11 @@ struct Object {
     std::vector<std::string> patterns;
 };
 
+constexpr int no_status = -1; // of a request that is answered otherwise, or not at all
+constexpr size_t subscription_cost = 64;
+
 class Bus {
-public:
+  public:
     explicit Bus(std::string rule_folder);
     ~Bus();
     // Takes the descriptor. Null if the peer is refused.
@@ -103,7 +106,7 @@ public:
     void reload_rules();
     bool monitored() const { return !monitors_.empty(); }
 
-private:
+  private:
     int lookup(Client &from, const Header &header, const Attributes &attrs);
     int add_object(Client &from, const Header &header, const Attributes &attrs);
     int remove_object(Client &from, const Header &header, const Attributes &attrs);
@@ -118,12 +121,13 @@ private:
     bool show(Client &to, const Lookup &lookup, const Object &object);
     bool may_subscribe(const Client &from, const Object &target) const;
     void drop_object(Object *object);
-    void end_subscription(Object *subscriber, Object *target, size_t index);
+    void end_subscription(Object *subscriber, Object *target);
     void tell_active(Object *object, bool active);
     void send_event(const Client *from, const std::string &id, std::string_view fields);
     void object_event(const char *what, const Object &object);
     Object *find(uint32_t id) const;
-    template <class Map> uint32_t new_id(const Map &taken);
+    template <class Map>
+    uint32_t new_id(const Map &taken);
     void status(Client &to, const Header &request, int value);
     bool charge(Client &client, size_t cost);
 
