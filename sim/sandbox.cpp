@@ -109,7 +109,7 @@ class Tree {
 
     void open_folder(const fs::path &path) {
         int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        struct stat st;
+        struct stat st = {};
         check(fd < 0 ? fd : fstat(fd, &st), path);
         mount_own("tmpfs", path, "mode=" + octal(st.st_mode & 07777));
         DIR *host = fdopendir(fd);
