@@ -2,7 +2,8 @@
 #pragma once
 
 #include <cstdio>
-#include <nlohmann/json.hpp>
+#include <memory>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 
@@ -10,7 +11,8 @@ namespace tavrikctl {
 
 class Output {
   public:
-    Output(FILE *file, bool json) : file_(file), json_(json) {}
+    Output(FILE *file, bool json);
+    ~Output();
 
     // One value: "Label: value", or a member `key`. A value that is not there is not printed at all.
     void field(const char *key, const char *label, const std::string &value);
@@ -23,7 +25,7 @@ class Output {
     FILE *file_;
     bool json_;
     std::string text_;
-    nlohmann::ordered_json record_ = nlohmann::ordered_json::object();
+    std::unique_ptr<nlohmann::ordered_json> record_;
 };
 
 // "tavrikctl: WHAT" on standard error; the result is false, for `return fail(...)`.
