@@ -4,6 +4,7 @@
 #include "access.h"
 #include "message.h"
 
+#include <deque>
 #include <list>
 #include <map>
 #include <memory>
@@ -36,6 +37,20 @@ struct Lookup {
     bool started = false, found = false;
 };
 
+// A message as it comes in.
+struct Request {
+    char head[12];
+    size_t have = 0;             // of the message
+    size_t length = 0, room = 0; // of the body: as announced, as allocated so far
+    blob_attr *body = nullptr;
+    int fd = -1;
+
+    Request() = default;
+    Request(Request &&other) noexcept { *this = std::move(other); }
+    Request &operator=(Request &&other) noexcept;
+    ~Request();
+};
+
 // One connection. Its socket is non-blocking both ways; what cannot be sent at once waits here, up to a limit.
 class Client {
   public:
@@ -57,6 +72,7 @@ class Client {
 
   private:
     bool receive();
+    bool full() const;
     void flush();
 
     struct Watch : uloop_fd {
@@ -65,13 +81,9 @@ class Client {
     Watch sock_{};
     Bus &bus_;
     bool broken_ = false, ended_ = false;
-    struct {
-        char bytes[12];
-        size_t have = 0;
-        int fd = -1;
-        blob_attr *body = nullptr; // allocated as it arrives
-        size_t room = 0, length = 0;
-    } in_;
+    Request in_;
+    std::deque<Request> waiting_; // complete; they wait while a look-up waits for its reader
+    size_t waiting_size_ = 0;
     std::string queue_;
     size_t sent_ = 0;
 };
