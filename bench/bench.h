@@ -23,6 +23,7 @@ double clock_ns();
 
 std::vector<Row> at_rows();
 std::vector<Row> bus_rows();
+std::vector<Row> indication_rows();
 std::vector<Row> text_rows();
 
 } // namespace bench

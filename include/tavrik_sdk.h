@@ -432,7 +432,12 @@ TAVRIK_API void tavrik_free_ubus_ctx(struct ubus_context *context);
  */
 TAVRIK_API void tavrik_ubus_lock(void);
 
-/** Releases the lock that tavrik_ubus_lock took, on the same thread. Does not block. */
+/**
+ * Releases the lock that tavrik_ubus_lock took, on the same thread. On a thread that does not have the lock it does
+ * nothing.
+ *
+ * Does not block.
+ */
 TAVRIK_API void tavrik_ubus_unlock(void);
 
 /**

@@ -19,54 +19,12 @@
 #include <system_error>
 #include <unistd.h>
 
+#include "places.h"
+
 namespace fs = std::filesystem;
 
 namespace tavrik::sim {
 namespace {
-
-enum class Make {
-    opened,  // a tmpfs into which every entry of the host's folder is bound back
-    overlay, // the host's folder; changes stay in the sandbox
-    folder,  // an empty folder, whatever the host has there
-    absent,  // not bound back into the opened folder it is in
-    link,    // a symbolic link to `text`
-    fifo,    // a FIFO; lines that arrive are recorded as `text`
-    program, // a stand-in that reports its command line and succeeds
-};
-
-struct Place {
-    fs::path path;
-    Make make;
-    std::string text = {};
-};
-
-constexpr char programs_fifo[] = "/run/tavrik-sim/program";
-
-// The module's paths. Order matters: a place may lie in one made before it.
-const std::vector<Place> &places() {
-    static const std::vector<Place> list = {
-        {"/tmp", Make::opened},
-        {"/run", Make::opened},
-        {"/etc", Make::overlay},
-        // A module may be told to reboot; the host's init must not hear of it.
-        {"/run/systemd", Make::absent},
-        {"/run/dbus", Make::absent},
-        {"/run/initctl", Make::absent},
-        // Nor may sockets of something that runs on the host stand for the module's.
-        {"/tmp/atcmdsdk", Make::absent},
-        {"/tmp/atcmdsdkind", Make::absent},
-        // The bus has moved over the years and libubus has its path compiled in: both usual ones lead to it.
-        {"/var/run/ubus", Make::folder},
-        {"/var/run/ubus.sock", Make::link, "ubus/ubus.sock"},
-        {"/etc/config", Make::folder},
-        {"/etc/stat", Make::folder},
-        {"/tmp/.uci", Make::folder},
-        {"/dev/kmsg", Make::fifo, "kmsg"},
-        {programs_fifo, Make::fifo, "program"},
-        {fs::path(sandbox_programs) / "reboot", Make::program},
-    };
-    return list;
-}
 
 [[noreturn]] void fail(const std::string &what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -151,7 +109,7 @@ class Tree {
 
     void open_folder(const fs::path &path) {
         int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        struct stat st;
+        struct stat st = {};
         check(fd < 0 ? fd : fstat(fd, &st), path);
         mount_own("tmpfs", path, "mode=" + octal(st.st_mode & 07777));
         DIR *host = fdopendir(fd);

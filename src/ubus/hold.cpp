@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <sys/socket.h>
 
+#include "core/sigpipe.h"
 #include "core/thread.h"
 #include "tavrik_sdk.h"
 #include "ubus/host_signals.h"
@@ -16,8 +17,7 @@ struct {
     pthread_t owner;
     unsigned depth;   // how often the owner has taken it, 0 when free
     unsigned waiting; // threads in the wait below
-    sigset_t mask;    // the owner's signal mask before SIGPIPE was blocked
-    bool pipe_was_pending;
+    SigpipeMask pipe; // of the owner
 } g_lock;
 
 // The one guarded socket: only the thread that holds the lock can have one.
@@ -58,11 +58,6 @@ void set_up() {
     pthread_atfork(nullptr, nullptr, after_fork);
 }
 
-bool pipe_pending() {
-    sigset_t pending;
-    return !sigpending(&pending) && sigismember(&pending, SIGPIPE) == 1;
-}
-
 bool acquire(Deadline deadline) {
     pthread_once(&g_once, set_up);
     {
@@ -84,33 +79,21 @@ bool acquire(Deadline deadline) {
         g_lock.depth = 1;
         g_lock.owner = pthread_self();
     }
-    sigset_t pipe;
-    sigemptyset(&pipe);
-    sigaddset(&pipe, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &pipe, &g_lock.mask);
-    g_lock.pipe_was_pending = sigismember(&g_lock.mask, SIGPIPE) == 1 && pipe_pending();
+    g_lock.pipe.block();
     mend_host_signals();
     return true;
 }
 
 void release() {
     if (g_lock.depth == 1) { // only the owner gets here, so this needs no lock
-        if (!g_lock.pipe_was_pending && pipe_pending()) {
-            sigset_t pipe;
-            sigemptyset(&pipe);
-            sigaddset(&pipe, SIGPIPE);
-            const timespec now = {};
-            while (sigtimedwait(&pipe, nullptr, &now) < 0 && errno == EINTR) {
-            }
-        }
-        const sigset_t mask = g_lock.mask;
+        const SigpipeMask pipe = g_lock.pipe;
         {
             Lock lock(g_lock.mutex);
             g_lock.depth = 0;
             if (g_lock.waiting)
                 pthread_cond_signal(&g_lock.released);
         }
-        pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+        pipe.restore();
         return;
     }
     Lock lock(g_lock.mutex);
@@ -186,6 +169,11 @@ void tavrik_ubus_lock(void) {
 }
 
 void tavrik_ubus_unlock(void) {
+    {
+        tavrik::Lock lock(tavrik::g_lock.mutex);
+        if (!tavrik::g_lock.depth || !pthread_equal(tavrik::g_lock.owner, pthread_self()))
+            return; // without its lock: somebody else's would be released
+    }
     tavrik::keep_host_signals();
     tavrik::release();
 }

@@ -93,8 +93,8 @@ is "files on the host" "" "$(ls -d /tmp/in_sandbox "/run/$(basename "$work")" /e
 
 # Several at a time: each is a module of its own, reached by name; the newest without.
 for name in a b; do
-    mkfifo "$work/go_$name"
-    "$sim" run --name $name -- sh -c "touch /tmp/only_$name; ls /tmp | grep -c only_ >$work/$name; read _ <$work/go_$name" &
+    "$sim" run --name $name -- sh -c "touch /tmp/only_$name; ls /tmp | grep -c only_ >$work/$name
+        until [ -e $work/go ]; do sleep 0.05; done" &
     eventually test -s "$work/$name"
 done
 is "what each sees" "1 1" "$(cat "$work/a") $(cat "$work/b")"
@@ -103,7 +103,7 @@ is "message" 'tavrik-sim: a sandbox named "a" is running already' "$(cat "$work/
 pids() { "$sim" call "$@" state | grep -A9 '"pid'; }
 is "the newest" "$(pids --sim b)" "$(pids)"
 is "another by its name" 1 "$([ "$(pids --sim a)" = "$(pids)" ]; echo $?)"
-for name in a b; do echo >"$work/go_$name"; done
+touch "$work/go"
 wait
 
 # Nothing outlives it: not what the program left running, and nothing at all when the keeper is killed.

@@ -171,6 +171,8 @@ TEST_F(Request, ContextOfTheApplicationsOwn) {
     EXPECT_NE(id, 0u);
     EXPECT_TRUE(answered(7, 3000));
     tavrik_free_ubus_ctx(nullptr);
+    tavrik_ubus_unlock(); // without its lock
+    EXPECT_TRUE(answered(8, 3000));
 }
 
 // Each call carries its thread and number, and finds them in the reply.

@@ -1,7 +1,9 @@
 // What the daemon's access rules say about the objects of this process, for services that check access themselves.
 #include "internal.h"
 
-static int compare(const char *a, const char *b) { return a && b ? strcmp(a, b) : !!a - !!b; }
+static int compare(const char *a, const char *b) {
+    return a && b ? strcmp(a, b) : !!a - !!b;
+}
 
 static int compare_keys(const void *k1, const void *k2, void *ptr) {
     const struct ubus_acl_key *a = k1, *b = k2;

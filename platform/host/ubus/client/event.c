@@ -77,8 +77,8 @@ static int event_called(struct ubus_context *ctx, struct ubus_object *obj, struc
     return UBUS_STATUS_OK;
 }
 
-// One call to an object of the daemon itself. The message is built in a buffer of its own, since sending uses the shared
-// one.
+// One call to an object of the daemon itself. The message is built in a buffer of its own, since sending uses the
+// shared one.
 static int call_daemon(struct ubus_context *ctx, uint32_t object, const char *method, struct blob_buf *msg, bool good,
                        int timeout) {
     int ret = ubus_context_is_channel(ctx) || !good

@@ -27,9 +27,13 @@ void hostbus_acl_shutdown(const struct ubus_context *ctx);
 // io.c
 bool hostbus_send(struct ubus_context *ctx, uint8_t type, uint16_t seq, uint32_t peer, struct blob_attr *body, int fd);
 bool hostbus_keep(struct list_head *list, const struct ubus_msghdr *hdr, const struct blob_attr *body, int fd);
+struct Kept *hostbus_take(struct list_head *list); // null if there is none
 void hostbus_drop_kept(struct list_head *list);
 bool hostbus_read_one(struct ubus_context *ctx);
 void hostbus_close(int *fd);
+bool hostbus_skip(struct ubus_context *ctx, uint32_t length, int *fd);
+
+// connection.c
 void hostbus_lost(struct ubus_context *ctx);
 
 // object.c

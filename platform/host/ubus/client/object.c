@@ -116,7 +116,7 @@ void hostbus_add_all_again(struct ubus_context *ctx) {
 
 static int send_answer(struct ubus_context *ctx, const struct ubus_request_data *req, uint8_t type, int fd) {
     return hostbus_send(ctx, type, req->seq, req->peer, hostbus_builder.head, fd) ? UBUS_STATUS_OK
-                                                                                 : UBUS_STATUS_NO_DATA;
+                                                                                  : UBUS_STATUS_NO_DATA;
 }
 
 int ubus_send_reply(struct ubus_context *ctx, struct ubus_request_data *req, struct blob_attr *msg) {
@@ -127,8 +127,7 @@ int ubus_send_reply(struct ubus_context *ctx, struct ubus_request_data *req, str
 }
 
 void ubus_complete_deferred_request(struct ubus_context *ctx, struct ubus_request_data *req, int ret) {
-    if (blob_buf_init(&hostbus_builder, 0) == 0 &&
-        blob_put_u32(&hostbus_builder, UBUS_ATTR_STATUS, (uint32_t)ret) &&
+    if (blob_buf_init(&hostbus_builder, 0) == 0 && blob_put_u32(&hostbus_builder, UBUS_ATTR_STATUS, (uint32_t)ret) &&
         blob_put_u32(&hostbus_builder, UBUS_ATTR_OBJID, req->object))
         send_answer(ctx, req, UBUS_MSG_STATUS, req->fd);
     hostbus_close(&req->fd);
@@ -141,8 +140,8 @@ static const struct ubus_method *find_method(const struct ubus_object *obj, cons
     return NULL;
 }
 
-// An unknown object or a missing method is answered all the same, but with nothing that leads to the caller: it sees its
-// limit pass, as with libubus.
+// An unknown object or a missing method is answered all the same, but with nothing that leads to the caller: it sees
+// its limit pass, as with libubus.
 static void invoke(struct ubus_context *ctx, struct ubus_object *obj, const struct ubus_msghdr *hdr,
                    struct blob_attr **attrs, int fd) {
     struct ubus_request_data req = {.fd = -1, .req_fd = fd};
@@ -213,12 +212,8 @@ void hostbus_object_message(struct ubus_context *ctx, const struct ubus_msghdr *
 }
 
 void hostbus_run_pending(struct ubus_context *ctx) {
-    while (!ctx->stack_depth && !list_empty(&ctx->pending)) {
-        struct Kept *kept = list_first_entry(&ctx->pending, struct Kept, list);
-        list_del(&kept->list);
+    for (struct Kept *kept; !ctx->stack_depth && (kept = hostbus_take(&ctx->pending)) != NULL; free(kept))
         hostbus_object_message(ctx, &kept->hdr, kept->body, kept->fd);
-        free(kept);
-    }
 }
 
 static void auto_subscribe(struct ubus_context *ctx, struct ubus_subscriber *sub, const char *path, uint32_t id) {
@@ -255,8 +250,7 @@ void hostbus_auto_subscribe_again(struct ubus_context *ctx) {
     if (list_empty(&ctx->auto_subscribers))
         return;
     auto_start(ctx);
-    list_for_each_entry_safe(sub, next, &ctx->auto_subscribers, list)
-        ubus_lookup(ctx, NULL, auto_existing, sub);
+    list_for_each_entry_safe(sub, next, &ctx->auto_subscribers, list) ubus_lookup(ctx, NULL, auto_existing, sub);
 }
 
 int ubus_register_subscriber(struct ubus_context *ctx, struct ubus_subscriber *sub) {

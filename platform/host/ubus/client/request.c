@@ -5,13 +5,13 @@
 #include <poll.h>
 #include <time.h>
 
-// Who is calling back right now, innermost first. A callback may abort its request, and free it with that; then it must
-// not be looked at again.
+// Who is calling back right now in this thread, innermost first. A callback may abort its request, and free it with
+// that; then it must not be looked at again. Per thread, because a callback may open the lock that guards the library.
 struct Running {
     struct Running *outer;
     struct ubus_request *req;
 };
-static struct Running *running;
+static __thread struct Running *running;
 
 static void enter(struct Running *self, struct ubus_request *req) {
     *self = (struct Running){running, req};
@@ -122,7 +122,8 @@ static bool is_answer_to(const struct ubus_request *req, const struct ubus_msghd
 static void deliver(struct ubus_request *req, const struct ubus_msghdr *hdr, struct blob_attr *body, int fd) {
     struct blob_attr **attrs = hostbus_parse(body);
     if (hdr->type == UBUS_MSG_STATUS) {
-        int status = attrs[UBUS_ATTR_STATUS] ? (int)blob_get_u32(attrs[UBUS_ATTR_STATUS]) : UBUS_STATUS_INVALID_ARGUMENT;
+        int status =
+            attrs[UBUS_ATTR_STATUS] ? (int)blob_get_u32(attrs[UBUS_ATTR_STATUS]) : UBUS_STATUS_INVALID_ARGUMENT;
         hostbus_close(&req->fd);
         req->fd = fd;
         if (req->notify)
@@ -160,12 +161,8 @@ void hostbus_answer(struct ubus_context *ctx, const struct ubus_msghdr *hdr, str
         struct Running self;
         enter(&self, req);
         deliver(req, hdr, body, fd);
-        while (self.req && !list_empty(&req->pending)) {
-            struct Kept *kept = list_first_entry(&req->pending, struct Kept, list);
-            list_del(&kept->list);
+        for (struct Kept *kept; self.req && (kept = hostbus_take(&req->pending)) != NULL; free(kept))
             deliver(req, &kept->hdr, kept->body, kept->fd);
-            free(kept);
-        }
         leave(&self);
         return;
     }

@@ -81,13 +81,12 @@ std::string Access::describe(const std::string &path) const {
 namespace {
 
 // Calls back for each field of a table, or element of an array, that is well formed.
-template <class Each> void for_each_field(blob_attr *parent, Each each) {
+template <class Each>
+void for_each_field(blob_attr *parent, Each each) {
     blob_attr *attr;
     size_t rem;
     if (parent)
-        blobmsg_for_each_attr(attr, parent, rem)
-            if (blobmsg_check_attr_len(attr, false, rem))
-                each(attr);
+        blobmsg_for_each_attr(attr, parent, rem) if (blobmsg_check_attr_len(attr, false, rem)) each(attr);
 }
 
 std::vector<std::string> strings(blob_attr *array) {
@@ -108,8 +107,8 @@ void Access::load_file(const std::string &path) {
         return;
     enum { User, Group, AccessTo, Names }; // then one for each Kind
     static constexpr blobmsg_policy policy[] = {
-        {"user", BLOBMSG_TYPE_STRING},     {"group", BLOBMSG_TYPE_STRING},  {"access", BLOBMSG_TYPE_TABLE},
-        {"publish", BLOBMSG_TYPE_ARRAY},   {"subscribe", BLOBMSG_TYPE_ARRAY}, {"listen", BLOBMSG_TYPE_ARRAY},
+        {"user", BLOBMSG_TYPE_STRING},   {"group", BLOBMSG_TYPE_STRING},    {"access", BLOBMSG_TYPE_TABLE},
+        {"publish", BLOBMSG_TYPE_ARRAY}, {"subscribe", BLOBMSG_TYPE_ARRAY}, {"listen", BLOBMSG_TYPE_ARRAY},
         {"send", BLOBMSG_TYPE_ARRAY},
     };
     blob_attr *fields[std::size(policy)];

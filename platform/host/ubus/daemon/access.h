@@ -20,7 +20,7 @@ struct Credentials {
 bool find_credentials(int fd, Credentials &credentials);
 
 class Access {
-public:
+  public:
     enum Kind { Publish, Subscribe, Listen, Send, KindCount };
 
     explicit Access(std::string folder) : folder_(std::move(folder)) {}
@@ -31,11 +31,11 @@ public:
     // What the rules say to the object's own service, as elements of a blobmsg array.
     std::string describe(const std::string &path) const;
 
-private:
+  private:
     struct Rule {
         bool for_group;
         std::string name;
-        gid_t gid; // of that name
+        gid_t gid;                                               // of that name
         std::map<std::string, std::vector<std::string>> methods; // by path
         std::map<std::string, std::string> acl;                  // by path: for the service, blobmsg fields
         std::vector<std::string> names[KindCount];

@@ -4,6 +4,7 @@
 #include "access.h"
 #include "message.h"
 
+#include <deque>
 #include <list>
 #include <map>
 #include <memory>
@@ -36,9 +37,23 @@ struct Lookup {
     bool started = false, found = false;
 };
 
+// A message as it comes in.
+struct Request {
+    char head[12];
+    size_t have = 0;             // of the message
+    size_t length = 0, room = 0; // of the body: as announced, as allocated so far
+    blob_attr *body = nullptr;
+    int fd = -1;
+
+    Request() = default;
+    Request(Request &&other) noexcept { *this = std::move(other); }
+    Request &operator=(Request &&other) noexcept;
+    ~Request();
+};
+
 // One connection. Its socket is non-blocking both ways; what cannot be sent at once waits here, up to a limit.
 class Client {
-public:
+  public:
     Client(Bus &bus, int fd, uint32_t id, Credentials who);
     ~Client();
     void on_event(unsigned events);
@@ -55,8 +70,9 @@ public:
     std::optional<uint32_t> monitor; // reports so far, while monitoring
     size_t held = 0;                 // memory that the bus spends on this client's objects
 
-private:
+  private:
     bool receive();
+    bool full() const;
     void flush();
 
     struct Watch : uloop_fd {
@@ -65,13 +81,9 @@ private:
     Watch sock_{};
     Bus &bus_;
     bool broken_ = false, ended_ = false;
-    struct {
-        char bytes[12];
-        size_t have = 0;
-        int fd = -1;
-        blob_attr *body = nullptr; // allocated as it arrives
-        size_t room = 0, length = 0;
-    } in_;
+    Request in_;
+    std::deque<Request> waiting_; // complete; they wait while a look-up waits for its reader
+    size_t waiting_size_ = 0;
     std::string queue_;
     size_t sent_ = 0;
 };
@@ -89,8 +101,11 @@ struct Object {
     std::vector<std::string> patterns;
 };
 
+constexpr int no_status = -1; // of a request that is answered otherwise, or not at all
+constexpr size_t subscription_cost = 64;
+
 class Bus {
-public:
+  public:
     explicit Bus(std::string rule_folder);
     ~Bus();
     // Takes the descriptor. Null if the peer is refused.
@@ -103,7 +118,7 @@ public:
     void reload_rules();
     bool monitored() const { return !monitors_.empty(); }
 
-private:
+  private:
     int lookup(Client &from, const Header &header, const Attributes &attrs);
     int add_object(Client &from, const Header &header, const Attributes &attrs);
     int remove_object(Client &from, const Header &header, const Attributes &attrs);
@@ -118,12 +133,13 @@ private:
     bool show(Client &to, const Lookup &lookup, const Object &object);
     bool may_subscribe(const Client &from, const Object &target) const;
     void drop_object(Object *object);
-    void end_subscription(Object *subscriber, Object *target, size_t index);
+    void end_subscription(Object *subscriber, Object *target);
     void tell_active(Object *object, bool active);
     void send_event(const Client *from, const std::string &id, std::string_view fields);
     void object_event(const char *what, const Object &object);
     Object *find(uint32_t id) const;
-    template <class Map> uint32_t new_id(const Map &taken);
+    template <class Map>
+    uint32_t new_id(const Map &taken);
     void status(Client &to, const Header &request, int value);
     bool charge(Client &client, size_t cost);
 

@@ -4,12 +4,15 @@
 #include <cstdlib>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace tavrik {
 
 namespace {
 
-constexpr size_t max_queue = 1048576;
+constexpr size_t max_queue = 1048576;   // unsent
+constexpr size_t max_waiting = 4194304; // received, with what an entry costs
+constexpr size_t waiting_cost = 64;
 constexpr int messages_a_turn = 32; // then it is the next client's turn
 
 union Control {
@@ -18,6 +21,22 @@ union Control {
 };
 
 } // namespace
+
+Request &Request::operator=(Request &&other) noexcept {
+    memcpy(head, other.head, sizeof head);
+    have = other.have;
+    length = other.length;
+    room = other.room;
+    std::swap(body, other.body);
+    std::swap(fd, other.fd);
+    return *this;
+}
+
+Request::~Request() {
+    free(body);
+    if (fd >= 0)
+        close(fd);
+}
 
 Client::Client(Bus &bus, int fd, uint32_t id_, Credentials who_) : id(id_), who(std::move(who_)), bus_(bus) {
     sock_.fd = fd;
@@ -28,14 +47,15 @@ Client::Client(Bus &bus, int fd, uint32_t id_, Credentials who_) : id(id_), who(
 Client::~Client() {
     uloop_fd_delete(&sock_);
     close(sock_.fd);
-    if (in_.fd >= 0)
-        close(in_.fd);
-    free(in_.body);
 }
 
-// Nothing is read while a look-up waits for its reader: that bounds what one client can ask for.
+// What waits is bounded, in descriptors too; then nothing more is read for a while.
+bool Client::full() const {
+    return waiting_size_ > max_waiting || (!waiting_.empty() && waiting_.back().fd >= 0);
+}
+
 bool Client::watch() {
-    unsigned events = ULOOP_ERROR_CB | (lookup ? 0u : unsigned{ULOOP_READ}) | (idle() ? 0u : unsigned{ULOOP_WRITE});
+    unsigned events = ULOOP_ERROR_CB | (full() ? 0u : unsigned{ULOOP_READ}) | (idle() ? 0u : unsigned{ULOOP_WRITE});
     return (sock_.registered && events == sock_.flags) || uloop_fd_add(&sock_, events) == 0;
 }
 
@@ -116,8 +136,8 @@ void Client::flush() {
 bool Client::receive() {
     for (;;) {
         ssize_t got;
-        if (in_.have < sizeof in_.bytes) {
-            iovec iov{in_.bytes + in_.have, sizeof in_.bytes - in_.have};
+        if (in_.have < sizeof in_.head) {
+            iovec iov{in_.head + in_.have, sizeof in_.head - in_.have};
             msghdr msg{};
             Control control{};
             msg.msg_iov = &iov;
@@ -154,9 +174,9 @@ bool Client::receive() {
         }
         size_t before = in_.have;
         in_.have += static_cast<size_t>(got);
-        if (before < sizeof in_.bytes && in_.have == sizeof in_.bytes) {
+        if (before < sizeof in_.head && in_.have == sizeof in_.head) {
             uint32_t outer;
-            memcpy(&outer, in_.bytes + 8, 4);
+            memcpy(&outer, in_.head + 8, 4);
             in_.length = be32_to_cpu(outer) & BLOB_ATTR_LEN_MASK;
             if (in_.length < 4 || in_.length > max_message) {
                 ended_ = true;
@@ -170,33 +190,33 @@ bool Client::receive() {
             }
             in_.body->id_len = cpu_to_be32(static_cast<uint32_t>(in_.length)); // id and flags mean nothing here
         }
-        if (in_.have >= sizeof in_.bytes && in_.have == 8 + in_.length)
+        if (in_.have >= sizeof in_.head && in_.have == 8 + in_.length)
             return true;
     }
 }
 
 void Client::on_event(unsigned events) {
-    if (sock_.error)
-        broken_ = true;
+    bool gone = sock_.error;
+    broken_ |= gone;
     if (broken_ || (events & ULOOP_WRITE))
         flush();
-    bus_.go_on(*this);
-    // Of a peer that is gone, everything at once: its objects must not outlive it until some later turn.
-    for (int n = 0; (n < messages_a_turn || broken_) && !lookup && !ended_ && receive(); n++) {
-        Header header{static_cast<uint8_t>(in_.bytes[0]), static_cast<uint8_t>(in_.bytes[1]), 0, 0};
-        memcpy(&header.seq, in_.bytes + 2, 2);
-        memcpy(&header.peer, in_.bytes + 4, 4);
-        header.seq = be16_to_cpu(header.seq);
-        header.peer = be32_to_cpu(header.peer);
-        blob_attr *body = in_.body;
-        int fd = in_.fd;
-        in_.body = nullptr;
-        in_.fd = -1;
-        in_.have = 0;
-        bus_.handle(*this, header, body, fd);
-        free(body);
-        if (fd >= 0)
-            close(fd);
+    for (int n = 0;; n++) {
+        while (bus_.go_on(*this), !lookup && !waiting_.empty()) {
+            Request request = std::move(waiting_.front());
+            waiting_.pop_front();
+            waiting_size_ -= request.length + waiting_cost;
+            Header header{static_cast<uint8_t>(request.head[0]), static_cast<uint8_t>(request.head[1]), 0, 0};
+            memcpy(&header.seq, request.head + 2, 2);
+            memcpy(&header.peer, request.head + 4, 4);
+            header.seq = be16_to_cpu(header.seq);
+            header.peer = be32_to_cpu(header.peer);
+            bus_.handle(*this, header, request.body, request.fd);
+        }
+        // Of a peer that is gone, everything at once: its objects must not outlive it until some later turn.
+        if ((n >= messages_a_turn && !gone) || ended_ || full() || !receive())
+            break;
+        waiting_size_ += in_.length + waiting_cost;
+        waiting_.push_back(std::exchange(in_, Request()));
     }
     if (ended_)
         bus_.remove_client(this);

@@ -48,8 +48,8 @@ int listen_at(const char *path) {
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     unlink(path);
     mode_t old = umask(0111);
-    bool good = fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
-                listen(fd, SOMAXCONN) == 0;
+    bool good =
+        fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 && listen(fd, SOMAXCONN) == 0;
     umask(old);
     return good ? fd : -1;
 }

@@ -7,8 +7,8 @@
 #include <string_view>
 
 extern "C" {
-#include <libubox/blobmsg.h>
 #include "ubusmsg.h"
+#include <libubox/blobmsg.h>
 }
 
 namespace tavrik {
@@ -24,7 +24,7 @@ struct Header {
 
 // The attributes of one message, in the order in which they are put.
 class Body {
-public:
+  public:
     Body() = default;
     explicit Body(std::string_view bytes) : bytes_(bytes) {}
 
@@ -40,9 +40,7 @@ public:
         return put(id, {reinterpret_cast<char *>(&value), 4});
     }
     // One attribute as it came.
-    Body &copy(unsigned id, const blob_attr *attr) {
-        return attr ? put(id, {attr->data, blob_len(attr)}) : *this;
-    }
+    Body &copy(unsigned id, const blob_attr *attr) { return attr ? put(id, {attr->data, blob_len(attr)}) : *this; }
     // One blobmsg field.
     Body &field(unsigned type, std::string_view name, std::string_view value) {
         uint16_t length = cpu_to_be16(static_cast<uint16_t>(name.size()));
@@ -61,7 +59,7 @@ public:
     }
     std::string_view bytes() const { return bytes_; }
 
-private:
+  private:
     void head(unsigned id, size_t payload) {
         uint32_t word = cpu_to_be32(id << BLOB_ATTR_ID_SHIFT | static_cast<uint32_t>(payload + 4));
         bytes_.append(reinterpret_cast<char *>(&word), 4);

@@ -214,12 +214,10 @@ struct acl_object {
     struct blob_attr *acl;
 };
 
+// NOLINTBEGIN(bugprone-macro-parentheses): initialisers
 #define UBUS_METHOD_FIELDS_(name_, handler_, mask_, tags_, policy_, n_policy_)                                         \
-    {                                                                                                                  \
-        .name = name_, .handler = handler_, .mask = mask_, .tags = tags_, .policy = policy_, .n_policy = n_policy_     \
-    }
-#define UBUS_METHOD(name_, handler_, policy_)                                                                          \
-    UBUS_METHOD_FIELDS_(name_, handler_, 0, 0, policy_, ARRAY_SIZE(policy_))
+    { .name = name_, .handler = handler_, .mask = mask_, .tags = tags_, .policy = policy_, .n_policy = n_policy_ }
+#define UBUS_METHOD(name_, handler_, policy_) UBUS_METHOD_FIELDS_(name_, handler_, 0, 0, policy_, ARRAY_SIZE(policy_))
 #define UBUS_METHOD_TAG(name_, handler_, policy_, tags_)                                                               \
     UBUS_METHOD_FIELDS_(name_, handler_, 0, tags_, policy_, ARRAY_SIZE(policy_))
 #define UBUS_METHOD_MASK(name_, handler_, policy_, mask_)                                                              \
@@ -228,6 +226,7 @@ struct acl_object {
 #define UBUS_METHOD_TAG_NOARG(name_, handler_, tags_) UBUS_METHOD_FIELDS_(name_, handler_, 0, tags_, NULL, 0)
 #define UBUS_OBJECT_TYPE(name_, methods_)                                                                              \
     { .name = name_, .id = 0, .methods = methods_, .n_methods = ARRAY_SIZE(methods_) }
+// NOLINTEND(bugprone-macro-parentheses)
 
 // Connection
 struct ubus_context *ubus_connect(const char *path);
@@ -240,16 +239,22 @@ void ubus_free(struct ubus_context *ctx);
 void ubus_shutdown(struct ubus_context *ctx);
 const char *ubus_strerror(int error);
 
-static inline bool ubus_context_is_channel(struct ubus_context *ctx) { return ctx->local_id == UBUS_CLIENT_ID_CHANNEL; }
+static inline bool ubus_context_is_channel(struct ubus_context *ctx) {
+    return ctx->local_id == UBUS_CLIENT_ID_CHANNEL;
+}
 
 static inline void ubus_auto_shutdown(struct ubus_auto_conn *conn) {
     uloop_timeout_cancel(&conn->timer);
     ubus_shutdown(&conn->ctx);
 }
 
-static inline void ubus_add_uloop(struct ubus_context *ctx) { uloop_fd_add(&ctx->sock, ULOOP_BLOCKING | ULOOP_READ); }
+static inline void ubus_add_uloop(struct ubus_context *ctx) {
+    uloop_fd_add(&ctx->sock, ULOOP_BLOCKING | ULOOP_READ);
+}
 
-static inline void ubus_handle_event(struct ubus_context *ctx) { ctx->sock.cb(&ctx->sock, ULOOP_READ); }
+static inline void ubus_handle_event(struct ubus_context *ctx) {
+    ctx->sock.cb(&ctx->sock, ULOOP_READ);
+}
 
 // Requests
 int ubus_complete_request(struct ubus_context *ctx, struct ubus_request *req, int timeout);
@@ -326,9 +331,13 @@ static inline int ubus_unregister_event_handler(struct ubus_context *ctx, struct
 // Monitor
 int __ubus_monitor(struct ubus_context *ctx, const char *type);
 
-static inline int ubus_monitor_start(struct ubus_context *ctx) { return __ubus_monitor(ctx, "add"); }
+static inline int ubus_monitor_start(struct ubus_context *ctx) {
+    return __ubus_monitor(ctx, "add");
+}
 
-static inline int ubus_monitor_stop(struct ubus_context *ctx) { return __ubus_monitor(ctx, "remove"); }
+static inline int ubus_monitor_stop(struct ubus_context *ctx) {
+    return __ubus_monitor(ctx, "remove");
+}
 
 // Access rules of the services, kept up to date by ubus_register_acl
 extern struct avl_tree acl_objects;
@@ -340,9 +349,7 @@ static inline bool ubus_acl_is_for_(const struct acl_object *o, const struct ubu
 }
 
 // Every acl_object o for the caller and the object of the ubus_acl_key *m.
-#define acl_for_each(o, m)                                                                                             \
-    avl_for_each_element (&acl_objects, o, avl)                                                                        \
-        if (ubus_acl_is_for_(o, m))
+#define acl_for_each(o, m) avl_for_each_element(&acl_objects, o, avl) if (ubus_acl_is_for_(o, m))
 
 #ifdef __cplusplus
 }

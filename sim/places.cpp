@@ -1,0 +1,32 @@
+#include "places.h"
+
+#include "sandbox.h"
+
+namespace tavrik::sim {
+
+const std::vector<Place> &places() {
+    static const std::vector<Place> list = {
+        {"/tmp", Make::opened},
+        {"/run", Make::opened},
+        {"/etc", Make::overlay},
+        // A module may be told to reboot; the host's init must not hear of it.
+        {"/run/systemd", Make::absent},
+        {"/run/dbus", Make::absent},
+        {"/run/initctl", Make::absent},
+        // Nor may sockets of something that runs on the host stand for the module's.
+        {"/tmp/atcmdsdk", Make::absent},
+        {"/tmp/atcmdsdkind", Make::absent},
+        // The bus has moved over the years and libubus has its path compiled in: both usual ones lead to it.
+        {"/var/run/ubus", Make::folder},
+        {"/var/run/ubus.sock", Make::link, "ubus/ubus.sock"},
+        {"/etc/config", Make::folder},
+        {"/etc/stat", Make::folder},
+        {"/tmp/.uci", Make::folder},
+        {"/dev/kmsg", Make::fifo, "kmsg"},
+        {programs_fifo, Make::fifo, "program"},
+        {std::filesystem::path(sandbox_programs) / "reboot", Make::program},
+    };
+    return list;
+}
+
+} // namespace tavrik::sim
