@@ -56,6 +56,7 @@ Reader *adopt(void *argument) {
     if (!reader || reader != argument || reader->adopted)
         return nullptr;
     reader->adopted = true;
+    push(g_registry.readers, *reader);
     return reader;
 }
 
@@ -200,7 +201,6 @@ void *receive_ind_data_from_at_channel(void *argument) {
     Reader *const reader = adopt(argument);
     if (!reader)
         return nullptr;
-    t_reader = reader;
     bool open = !reader->lost;
     hand_on(*reader); // what a predecessor has read
     while (!stopped(*reader)) {
@@ -213,10 +213,10 @@ void *receive_ind_data_from_at_channel(void *argument) {
             open = read_burst(*reader);
         }
     }
-    t_reader = nullptr;
     bool detached;
     {
         RegistryLock lock;
+        remove(g_registry.readers, *reader);
         detached = reader->detached;
     }
     if (detached)

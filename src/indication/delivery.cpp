@@ -9,7 +9,6 @@ using namespace tavrik;
 namespace tavrik {
 
 Registry g_registry;
-__thread Reader *t_reader;
 
 } // namespace tavrik
 
@@ -33,29 +32,13 @@ void after_fork() {
     g_registry.runs = nullptr;
     g_registry.waits = nullptr;
     g_registry.reader = nullptr;
-    if (t_reader)
-        t_reader->stop = true;
+    for (Reader *reader = g_registry.readers; reader; reader = reader->next)
+        reader->stop = true;
 }
 
 void set_up() {
     make_condition();
     pthread_atfork(nullptr, nullptr, after_fork);
-}
-
-template <class Node>
-void push(Node *&list, Node &node) {
-    node.next = list;
-    list = &node;
-}
-
-template <class Node>
-void remove(Node *&list, Node &node) {
-    Node **link = &list;
-    while (*link && *link != &node)
-        link = &(*link)->next;
-    if (*link) // after fork it is not there
-        *link = node.next;
-    pthread_cond_broadcast(&g_registry.changed);
 }
 
 bool concerns(const Run &run, const Wait &wait) {
@@ -83,10 +66,18 @@ Run *awaited(const Wait &wait) {
     return nullptr;
 }
 
-// Callbacks of the indication come one at a time, also when a thread that was stopped inside one has a successor.
-bool predecessor_runs() {
+// Of the calling thread, if it is an indication thread.
+Reader *own_reader() {
+    Reader *reader = g_registry.readers;
+    while (reader && !pthread_equal(reader->thread, pthread_self()))
+        reader = reader->next;
+    return reader;
+}
+
+// Callbacks of indication threads come one at a time, also when a thread that was stopped inside one has a successor.
+bool predecessor_runs(const Reader *reader) {
     for (const Run *run = g_registry.runs; run; run = run->next)
-        if (run->reader && run->reader != t_reader && !run->left_behind)
+        if (run->reader && run->reader != reader && !run->left_behind)
             return true;
     return false;
 }
@@ -99,14 +90,15 @@ void tavrik::set_up_registry() {
 }
 
 bool tavrik::deliver(Slot slot, int event, void *record) {
-    Run run = {slot, t_reader, pthread_self(), false, nullptr, nullptr};
+    Run run = {slot, nullptr, pthread_self(), false, nullptr, nullptr};
     Tavrik_IndicationHandler handler;
     {
         RegistryLock lock;
-        while (t_reader && !t_reader->stop && predecessor_runs())
+        const Reader *const reader = run.reader = own_reader();
+        while (reader && !reader->stop && predecessor_runs(reader))
             pthread_cond_wait(&g_registry.changed, g_registry.mutex.native());
         handler = g_registry.handlers[slot];
-        if (!handler || (t_reader && t_reader->stop))
+        if (!handler || (reader && reader->stop))
             return false;
         push(g_registry.runs, run);
     }

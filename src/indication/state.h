@@ -24,10 +24,11 @@ struct Reader {
     pthread_t thread;
     int socket; // -1 once a successor has it, or nobody needs it any more
     int wake;
-    bool adopted;  // the thread has begun
+    bool adopted;  // the thread has begun: it is in the list of readers
     bool stop;     // it delivers nothing more and ends
     bool detached; // nobody joins it: it frees this itself
     bool lost;     // the server has closed the connection
+    Reader *next;
 
     // Touched without the lock by the thread, and under the lock by others while the thread is inside a callback.
     size_t used;   // bytes in the buffer; behind them what the next read brings
@@ -61,6 +62,7 @@ struct Registry {
     bool initialised;
     unsigned generation; // counts the full teardowns
     Reader *reader;      // the running one
+    Reader *readers;     // with those that were stopped inside a callback
     Run *runs;
     Wait *waits;
 };
@@ -87,7 +89,21 @@ bool replace_reader();
 
 // And these in delivery.cpp.
 
-extern __thread Reader *t_reader; // on an indication thread its own
+// Locked: puts a node in front of its list, or takes it out and tells all who wait for a change.
+template <class Node>
+void push(Node *&list, Node &node) {
+    node.next = list;
+    list = &node;
+}
+template <class Node>
+void remove(Node *&list, Node &node) {
+    Node **link = &list;
+    while (*link && *link != &node)
+        link = &(*link)->next;
+    if (*link) // after fork it is not there
+        *link = node.next;
+    pthread_cond_broadcast(&g_registry.changed);
+}
 
 // Locked: publishes that the thread waits for these slots. Two threads that wait for each other's callback do not.
 void enter(Wait &wait);
