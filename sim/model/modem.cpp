@@ -156,9 +156,9 @@ void Modem::reset() {
     state_ = {};
 }
 
-void Modem::reset(const json &fields) {
+void Modem::reset(const json &given) {
     Modem fresh;
-    fresh.set(fields);
+    fresh.set(given);
     state_ = std::move(fresh.state_);
 }
 

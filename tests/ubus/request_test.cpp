@@ -146,8 +146,8 @@ TEST_F(Request, HandlerCallsTheApi) {
         int length = 0;
         return Tavrik_DM_GetIMEI(imei, &length) || length != 15 || !answered(12, 3000) ? -1 : 0;
     };
-    EXPECT_EQ(tavrik_ubus_invoke(11, note, &seen, 3000), 0);
-    EXPECT_EQ(seen.last, 11u);
+    EXPECT_EQ(tavrik_ubus_invoke(2011, note, &seen, 3000), 0);
+    EXPECT_EQ(seen.last, 2011u);
     EXPECT_EQ(seen.inside_result, 0);
 }
 

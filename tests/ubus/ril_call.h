@@ -23,6 +23,7 @@ inline void take_number(ubus_request *request, int, blob_attr *message) {
 
 // Does the request come back right?
 inline bool answered(uint32_t id, int timeout_ms) {
+    id |= 0x10000000u; // no request that the service knows
     uint32_t number = ~id;
     return !tavrik_ubus_invoke(id, take_number, &number, timeout_ms) && number == id;
 }
