@@ -92,7 +92,17 @@ answer "$nothing"
 expect 1 '' nw signal
 
 # The watch goes on without service.
-watched() { head -c "$bytes" < <(timeout 20 "$@") | tr '\033\r' '^ '; }
+watched() { # its commands must not go on while the next ones are recorded
+  local pipe pid
+  pipe=$(mktemp -u)
+  mkfifo "$pipe"
+  timeout 20 "$@" >"$pipe" &
+  pid=$!
+  head -c "$bytes" <"$pipe" | tr '\033\r' '^ '
+  kill "$pid" 2>/dev/null
+  wait "$pid" 2>/dev/null
+  rm -f "$pipe"
+}
 answer "$gsm, {\"command\": \"AT+CESQ\", \"lines\": [\"+CESQ: 32,99,255,255,255,255\"]}"
 table=$'Technology: GSM\nRXLEV: 32 (-79 dBm)  ##########..........\n'
 bytes=$((2 * ${#table}))
