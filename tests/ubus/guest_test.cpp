@@ -74,9 +74,14 @@ TEST(Guest, DISABLED_Victim) {
     }
 }
 
+// The thread sanitizer puts a handler of its own before every signal and delivers it when it likes.
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define TAVRIK_SIGNALS_ARE_LATE
+#endif
+#endif
+#ifndef TAVRIK_SIGNALS_ARE_LATE
 TEST(Guest, DiesBySigint) {
-    // uloop's own handler, which stands for microseconds, is no concern of this test: it races with itself.
-    setenv("TSAN_OPTIONS", "report_bugs=0", 1);
     std::mt19937 random(std::random_device{}());
     for (int round = 0; round < (kLong ? 100 : 10); round++) {
         const pid_t pid = start_case("Guest.DISABLED_Victim");
@@ -97,6 +102,7 @@ TEST(Guest, DiesBySigint) {
             printf("round %d: dead after %.0f ms\n", round, seconds_since(start) * 1e3);
     }
 }
+#endif
 
 TEST(Guest, BesideSystem) {
     const Dispositions before;
