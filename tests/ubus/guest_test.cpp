@@ -45,7 +45,7 @@ std::vector<int> descriptors() {
 
 // Another process of this program, in the one case that only makes sense there. TAVRIK_EMULATOR is what a program of
 // another machine is started with.
-pid_t start_case(const char *name) {
+[[maybe_unused]] pid_t start_case(const char *name) {
     const char *const emulator = getenv("TAVRIK_EMULATOR");
     char program[PATH_MAX] = "";
     if (readlink("/proc/self/exe", program, sizeof program - 1) < 0)
