@@ -219,7 +219,11 @@ class HostBus : public ::testing::Test {
     }
     void start_daemon() {
         daemon = std::make_unique<Child>([&] {
-            execl(TAVRIK_UBUSD_PATH, "tavrik-ubusd", "-s", path.c_str(), "-A", (folder + "/rules").c_str(), nullptr);
+            // TAVRIK_EMULATOR is what a program of another machine is started with.
+            const char *const emulator = getenv("TAVRIK_EMULATOR");
+            const std::string command = std::string("exec ") + (emulator ? emulator : "") + " '" TAVRIK_UBUSD_PATH
+                                        "' -s '" + path + "' -A '" + folder + "/rules'";
+            execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
             return 127;
         });
         int fd = -1;
