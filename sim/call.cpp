@@ -12,7 +12,7 @@
 
 namespace tavrik::sim {
 
-int call(const std::string &sim, const std::string &verb, const std::string &arguments) {
+int call(const std::string &sim, const std::string &verb, const std::string &arguments, const std::string &print) {
     nlohmann::json request = {{"verb", verb}};
     if (!arguments.empty()) {
         request["args"] = nlohmann::json::parse(arguments, nullptr, false);
@@ -45,8 +45,10 @@ int call(const std::string &sim, const std::string &verb, const std::string &arg
         fprintf(stderr, "tavrik-sim: %s: %s\n", verb.c_str(), error.c_str());
         return 1;
     }
-    if (parsed.contains("result"))
-        printf("%s\n", parsed["result"].dump(2).c_str());
+    if (!parsed.contains("result"))
+        return 0;
+    const nlohmann::json &shown = parsed["result"].at(nlohmann::json::json_pointer(print));
+    printf("%s\n", (!print.empty() && shown.is_string() ? shown.get<std::string>() : shown.dump(2)).c_str());
     return 0;
 }
 

@@ -40,10 +40,12 @@ int main(int argc, char **argv) {
     CLI::App *shell_command = app.add_subcommand("shell", "Open a shell in a module of its own");
     add_run_options(shell_command, options);
 
-    std::string sim, verb, arguments;
+    std::string sim, verb, arguments, print;
     CLI::App *call_command = app.add_subcommand("call", "Make a control call to a running module");
     call_command->add_option("--sim", sim, "The module: the one around, else the newest one unless given")
         ->type_name("NAME");
+    call_command->add_option("--print", print, "What to print of the result, a JSON pointer; a text as it is")
+        ->type_name("POINTER");
     call_command->add_option("verb", verb, "What to do: state, reset, line, record, …")->required()->type_name("VERB");
     call_command->add_option("json", arguments, "Arguments, a JSON object")->type_name("JSON");
 
@@ -55,7 +57,7 @@ int main(int argc, char **argv) {
 
     try {
         if (call_command->parsed())
-            return call(sim, verb, arguments);
+            return call(sim, verb, arguments, print);
         options.program.assign(argv + (own < argc ? own + 1 : own), argv + argc);
         if (shell_command->parsed() && options.program.empty()) {
             const char *shell = getenv("SHELL");

@@ -11,6 +11,7 @@
 
 #include "control/control_server.h"
 #include "control/scenario.h"
+#include "taps.h"
 
 namespace tavrik::sim {
 
@@ -18,40 +19,11 @@ namespace {
 
 constexpr int exit_failed = 1;
 constexpr int exit_bad_scenario = 2;
-constexpr size_t max_tap_line = 64 << 10;
 
 int64_t now_ms() {
     using namespace std::chrono;
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
-
-// A FIFO whose lines are recorded.
-class TapReader {
-  public:
-    TapReader(Context &context, const Tap &tap) : context_(context), tap_(tap), watch_([this] { read(); }) {
-        fcntl(tap.fd, F_SETFD, FD_CLOEXEC);
-        watch_.start(tap.fd, ULOOP_READ);
-    }
-
-    void read() {
-        char chunk[4096];
-        for (ssize_t n; (n = ::read(tap_.fd, chunk, sizeof chunk)) > 0;) {
-            line_.append(chunk, static_cast<size_t>(n));
-            size_t begin = 0;
-            for (size_t end; (end = line_.find('\n', begin)) != std::string::npos; begin = end + 1)
-                context_.record.add(tap_.kind, 0, std::string_view(line_).substr(begin, end - begin));
-            line_.erase(0, begin);
-            if (line_.size() > max_tap_line)
-                line_.clear();
-        }
-    }
-
-  private:
-    Context &context_;
-    const Tap &tap_;
-    std::string line_;
-    Watch watch_;
-};
 
 class Module {
   public:
@@ -72,7 +44,7 @@ class Module {
     Timer clock_timer_;
     Timer begin_timer_;
     Timer call_timer_;
-    std::vector<std::unique_ptr<TapReader>> taps_;
+    Taps taps_;
     std::unique_ptr<ControlServer> control_;
     Scenario scenario_;
     size_t next_call_ = 0;
@@ -87,16 +59,14 @@ Module::Module(const ModuleOptions &options)
           context_.clock.on_plan();
       }),
       begin_timer_([this] { begin(); }),
-      call_timer_([this] { make_call(); }) {
+      call_timer_([this] { make_call(); }),
+      taps_(context_) {
     context_.clock.on_plan = [this] {
         int64_t next = context_.clock.next();
         if (next >= 0)
             clock_timer_.start(static_cast<int>(std::min<int64_t>(next, 3600000)));
     };
-    context_.read_taps = [this] {
-        for (auto &tap : taps_)
-            tap->read();
-    };
+    context_.read_taps = [this] { taps_.read(); };
     context_.renew = [this] { renew(); };
     context_.on_indication_client = [this] { play(); };
 }
@@ -124,6 +94,8 @@ void Module::make_services() {
 
 void Module::renew() {
     context_.modem.reset(scenario_.state);
+    context_.read_taps(); // what was written to the old
+    context_.power = {};
     context_.rules = RuleTable::built_in();
     context_.rules.add(scenario_.rules);
     context_.clock.reset();
@@ -209,8 +181,6 @@ int Module::run() {
         fprintf(stderr, "tavrik-sim: %s\n", error.what());
         return exit_bad_scenario;
     }
-    for (const Tap &tap : context_.options.taps)
-        taps_.push_back(std::make_unique<TapReader>(context_, tap));
     begin_timer_.start(0);
     uloop_run();
     return exit_code_;

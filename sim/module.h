@@ -9,10 +9,11 @@ namespace tavrik::sim {
 //   {"verb": "state", "args": {…}}      ->  {"result": {…}}  or  {"error": "what was wrong"}
 // "args" may be missing. A client may send several requests on one connection; replies come in their order.
 
-// A FIFO of the sandbox, held open for reading and writing so that a writer never blocks or fails: /dev/kmsg, and one
-// to which stand-ins such as `reboot` write their command line. Each line that arrives is recorded under `kind`.
+// A FIFO of the sandbox, held open for reading and writing so that a writer never blocks or fails: /dev/kmsg, files
+// below /sys/power, and one to which stand-ins such as `reboot` write their command line. Each line that arrives is
+// recorded under `kind`.
 struct Tap {
-    std::string kind; // "kmsg", "program"
+    std::string kind; // "kmsg", "program", "wake_lock", …
     int fd = -1;      // non-blocking
 };
 

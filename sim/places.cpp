@@ -1,5 +1,6 @@
 #include "places.h"
 
+#include "programs.h"
 #include "sandbox.h"
 
 namespace tavrik::sim {
@@ -23,8 +24,21 @@ const std::vector<Place> &places() {
         {"/etc/stat", Make::folder},
         {"/tmp/.uci", Make::folder},
         {"/dev/kmsg", Make::fifo, "kmsg"},
+        {"/sys/power", Make::folder},
+        {"/sys/power/autosleep", Make::fifo, "autosleep"},
+        {"/sys/power/wake_lock", Make::fifo, "wake_lock"},
+        {"/sys/power/wake_unlock", Make::fifo, "wake_unlock"},
         {programs_fifo, Make::fifo, "program"},
         {std::filesystem::path(sandbox_programs) / "reboot", Make::program},
+        // A FIFO cannot be read like the kernel's file.
+        {std::filesystem::path(sandbox_programs) / "cat", Make::program,
+         "case \"$*\" in\n"
+         "/sys/power/autosleep | /sys/power/wake_lock | /sys/power/wake_unlock)\n"
+         "    exec '" +
+             own_program().string() +
+             "' call --print \"/services/power/${1##*/}\" state ;;\n"
+             "esac\n"
+             "exec /bin/cat \"$@\"\n"},
     };
     return list;
 }

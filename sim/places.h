@@ -13,7 +13,7 @@ enum class Make {
     absent,  // not bound back into the opened folder it is in
     link,    // a symbolic link to `text`
     fifo,    // a FIFO; lines that arrive are recorded as `text`
-    program, // a stand-in that reports its command line and succeeds
+    program, // a stand-in, of which `text` is the script; without one it reports its command line and succeeds
 };
 
 struct Place {

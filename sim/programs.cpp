@@ -34,11 +34,15 @@ std::string caller_path() {
 }
 
 fs::path own_folder() {
-    std::error_code none;
-    return fs::read_symlink("/proc/self/exe", none).parent_path();
+    return own_program().parent_path();
 }
 
 } // namespace
+
+fs::path own_program() {
+    std::error_code none;
+    return fs::read_symlink("/proc/self/exe", none);
+}
 
 std::string find_bus_daemon() {
     const char *wanted = getenv("TAVRIK_UBUSD");

@@ -75,8 +75,9 @@ class Tree {
             taps_.push_back({place.text, fifo(place.path)});
             break;
         case Make::program:
-            create(place.path, [](const fs::path &at) {
-                std::ofstream(at) << "#!/bin/sh\nprintf '%s\\n' \"${0##*/}${*:+ $*}\" >" << programs_fifo << "\n";
+            create(place.path, [&](const fs::path &at) {
+                const std::string report = std::string("printf '%s\\n' \"${0##*/}${*:+ $*}\" >") + programs_fifo + "\n";
+                std::ofstream(at) << "#!/bin/sh\n" << (place.text.empty() ? report : place.text);
                 check(chmod(at.c_str(), 0755), at);
             });
             break;

@@ -88,6 +88,8 @@ Fault Fault::from(Args &args, std::string_view effects) {
         fault.standing.refuse = args.flag("refuse");
     if (knows("stop"))
         fault.standing.stop = args.flag("stop");
+    if (knows("full"))
+        fault.standing.full = args.flag("full");
     if (knows("restart"))
         fault.restart = args.flag("restart");
     if (knows("flood"))
@@ -136,6 +138,7 @@ Standing Faults::standing(std::string_view service) const {
         all.freeze |= fault.standing.freeze;
         all.refuse |= fault.standing.refuse;
         all.stop |= fault.standing.stop;
+        all.full |= fault.standing.full;
         all.flood += fault.standing.flood;
     }
     return all;

@@ -18,6 +18,7 @@ struct Standing {
     bool freeze = false; // alive, but does nothing
     bool refuse = false; // no new connection
     bool stop = false;   // gone
+    bool full = false;   // files take no byte
     std::string flood;   // sent without end
 };
 
@@ -48,7 +49,9 @@ struct Fault {
     bool close_now = false;
 
     bool for_requests() const;
-    bool stands() const { return standing.freeze || standing.refuse || standing.stop || !standing.flood.empty(); }
+    bool stands() const {
+        return standing.freeze || standing.refuse || standing.stop || standing.full || !standing.flood.empty();
+    }
     // `effects` are the names that the service knows. Throws std::invalid_argument.
     static Fault from(Args &args, std::string_view effects);
 

@@ -14,6 +14,7 @@
 #include "io/stream_server.h"
 #include "model/clock.h"
 #include "model/modem.h"
+#include "model/power.h"
 #include "module.h"
 #include "services/service.h"
 
@@ -26,6 +27,7 @@ struct Context {
     const ModuleOptions &options;
     Clock clock;
     Modem modem;
+    Power power;
     RuleTable rules = RuleTable::built_in();
     Record record;
     Faults faults;
@@ -41,7 +43,7 @@ struct Context {
     std::function<void()> on_indication_client;
     // Reads what waits in the taps, so that the record is complete.
     std::function<void()> read_taps;
-    // Model, rules and clock as after the start.
+    // Models, rules and clock as after the start.
     std::function<void()> renew;
 
     Service *find(std::string_view name) const {

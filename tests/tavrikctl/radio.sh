@@ -155,17 +155,35 @@ expect 1 '' nw volte
 sim record '{"clear": true}' >/dev/null
 expect 0 '' pm reboot
 [ "$(sim record '{"kind": "program"}' | grep -c '"text": "reboot"')" = 1 ] || { echo 'pm reboot' && failed=1; }
+power() { # FILE TEXT: what the kernel's file reads as
+  local got
+  got=$(sim --print "/services/power/$1" state)
+  [ "$got" = "$2" ] || { echo "$1: $got, not $2" && failed=1; }
+}
+expect 0 'Automatic sleep: on' pm autosleep on
+power autosleep mem
+expect 0 '{"autosleep":"off"}' --json pm autosleep off
+power autosleep off
+expect 0 '{"locks":[]}' --json pm locks
+expect 0 'Locked: two' pm lock two
+expect 0 '{"locked":"one","timeout_ms":100000}' --json pm lock one 100000
+expect 0 $'Locked: one\nTime-out: 100000 ms' pm lock one 100000
+sim record '{"kind": "wake_lock"}' | grep -q '"one 100000000000"' || { echo 'pm lock one 100000' && failed=1; }
+expect 0 $'one\ntwo' pm locks
+expect 0 '{"locks":["one","two"]}' --json pm locks
+expect 0 'Unlocked: one' pm unlock one
+expect 0 '{"unlocked":"two"}' --json pm unlock two
+power wake_lock ''
 for arguments in 'lock a\ b' 'unlock nosuch'; do
   eval "expect 1 '' pm $arguments"
 done
-
-# What the library reads the list with.
-programs=$(mktemp -d)
-printf '#!/bin/sh\n[ "$*" = /sys/power/wake_lock ] && echo one two\n' >"$programs/cat"
-chmod +x "$programs/cat"
-PATH=$programs:$PATH expect 0 $'one\ntwo' pm locks
-PATH=$programs:$PATH expect 0 '{"locks":["one","two"]}' --json pm locks
-rm -r "$programs"
+expect 0 'Locked: one' pm lock one
+sim fault '{"service": "power", "full": true}' >/dev/null
+for arguments in 'autosleep on' 'lock two' 'unlock one'; do
+  # shellcheck disable=SC2086 # several words
+  expect 1 '' pm $arguments
+done
+sim clear >/dev/null
 
 # On a terminal each table has the screen to itself. Last, since it goes on asking for a while.
 answer "$nothing"
