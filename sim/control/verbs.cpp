@@ -188,6 +188,23 @@ Action parse_clear(Context &context, const json &object) {
     };
 }
 
+Action parse_context(Context &context, const json &object) {
+    Args args(object);
+    std::optional<int64_t> cid = args.number("cid", 1, 255), state = args.number("state", 0, 1);
+    args.finish();
+    if (!cid || !state)
+        throw std::invalid_argument("\"cid\" or \"state\" is missing");
+    return [&context, name = std::to_string(*cid), up = *state != 0](const Done &done) {
+        std::string others, listed = context.modem.state().contexts + ",";
+        for (size_t from = 0, end; (end = listed.find(',', from)) != std::string::npos; from = end + 1)
+            if (const std::string other = listed.substr(from, end - from); !other.empty() && other != name)
+                others += other + ",";
+        context.modem.set(
+            {{"contexts", up ? others + name : others.substr(0, others.empty() ? 0 : others.size() - 1)}});
+        succeed(done, {{"contexts", context.modem.state().contexts}});
+    };
+}
+
 Action parse_rules(Context &context, const json &object) {
     Args args(object);
     const json *rules = args.take("add");
@@ -210,9 +227,9 @@ const struct {
     const char *name;
     Action (*parse)(Context &context, const json &args);
 } verbs[] = {
-    {"advance", parse_advance}, {"clear", parse_clear}, {"fault", parse_fault}, {"line", parse_line},
-    {"record", parse_record},   {"reset", parse_reset}, {"rules", parse_rules}, {"state", parse_state},
-    {"verbs", parse_verbs},     {"wait", parse_wait},
+    {"advance", parse_advance}, {"clear", parse_clear},   {"context", parse_context}, {"fault", parse_fault},
+    {"line", parse_line},       {"record", parse_record}, {"reset", parse_reset},     {"rules", parse_rules},
+    {"state", parse_state},     {"verbs", parse_verbs},   {"wait", parse_wait},
 };
 
 } // namespace

@@ -69,6 +69,7 @@ const Field fields[] = {
     {"reject_report", &ModemState::reject_report},
     {"reject_causes", &ModemState::reject_causes},
     {"powerind", &ModemState::powerind, 0, 31},
+    {"contexts", &ModemState::contexts},
 };
 
 const Field *find(std::string_view name) {

@@ -46,6 +46,8 @@ struct ModemState {
     bool reject_report = false;
     std::string reject_causes; // "A,B,C;…"
     int32_t powerind = 0;
+
+    std::string contexts; // the packet data contexts that are up, "1,5,…"
 };
 
 // The modem behind all services: its state, read and changed by field name, and the lines that it sends unasked. It

@@ -1,6 +1,8 @@
 #include "model/reports.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <set>
 
 namespace tavrik::sim {
 
@@ -121,9 +123,9 @@ const struct {
     const char *name;
     View view;
 } views[] = {
-    {"area_hex", area_hex},   {"card_error", card_error},   {"cereg_now", cereg_now},     {"cgreg_now", cgreg_now},
-    {"cpin", cpin},           {"creg_now", creg_now},       {"number_type", number_type}, {"reject_lines", reject_lines},
-    {"service", service},     {"sim_failure", sim_failure},
+    {"area_hex", area_hex}, {"card_error", card_error},   {"cereg_now", cereg_now},     {"cgreg_now", cgreg_now},
+    {"cpin", cpin},         {"creg_now", creg_now},       {"number_type", number_type}, {"reject_lines", reject_lines},
+    {"service", service},   {"sim_failure", sim_failure},
 };
 
 std::string presence(const ModemState &state) {
@@ -161,6 +163,15 @@ std::string signal(const ModemState &state) {
     return text;
 }
 
+std::set<std::string> listed(const std::string &names) {
+    std::set<std::string> all;
+    for (size_t from = 0, end; from < names.size(); from = end + 1) {
+        end = std::min(names.find(',', from), names.size());
+        all.insert(names.substr(from, end - from));
+    }
+    return all;
+}
+
 } // namespace
 
 View find_view(std::string_view name) {
@@ -192,6 +203,13 @@ std::vector<std::string> reports(const ModemState &old, const ModemState &after)
     if (cell_identity(before) != cell_identity(after) && in_service(after))
         lines.push_back(cell_line(after));
     tell(signal, "+CESQ: ");
+    const std::set<std::string> were_up = listed(before.contexts), are_up = listed(after.contexts);
+    for (const std::string &context : were_up)
+        if (!are_up.count(context))
+            lines.push_back("+ZCONSTAT: 0," + context);
+    for (const std::string &context : are_up)
+        if (!were_up.count(context))
+            lines.push_back("+ZCONSTAT: 1," + context);
     return lines;
 }
 

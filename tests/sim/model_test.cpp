@@ -40,6 +40,83 @@ TEST(Modem, SetsAllFieldsOrNone) {
     EXPECT_EQ(modem.get(), before);
 }
 
+// Steps with one modem: a command, a change of fields, and what is said unasked.
+TEST(Modem, ReportsAsItsSettingsSay) {
+    const std::string cell = ",\"2A1C\",\"01D4E5F6\",7", other = ",\"0001\",\"00000005\",7";
+    const struct {
+        std::vector<std::string> commands;
+        json fields;
+        std::vector<std::string> lines;
+    } steps[] = {
+        {{}, {{"creg", 2}}, {"+CREG: 2"}}, // as it leaves the factory: all with their cell
+        {{}, {{"creg", 2}}, {}},
+        {{}, {{"creg", 1}}, {"+CREG: 1" + cell}},
+        {{},
+         {{"area", 1}, {"cell", 5}},
+         {"+CREG: 1" + other, "+CGREG: 1" + other, "+CEREG: 1" + other,
+          "+EEMLTESVC: 001,01,0001,0000005,1300,3,20,22,60,25,18"}},
+        {{"AT+CREG=3", "AT+CGREG=x"}, {{"cgreg", 5}}, {"+CGREG: 5" + other}}, // what it does not take changes nothing
+        {{"AT+CREG=1", "AT+CGREG=1", "AT+CEREG=1"},
+         {{"cell", 6}},
+         {"+EEMLTESVC: 001,01,0001,0000006,1300,3,20,22,60,25,18"}},
+        {{}, {{"creg", 5}, {"cgreg", 3}, {"cereg", 0}}, {"+CREG: 5", "+CGREG: 3", "+CEREG: 0"}},
+        {{"AT+CREG=0", "AT+CGREG=0", "AT+CEREG=0"}, {{"creg", 1}, {"cgreg", 1}, {"cereg", 1}}, {}},
+        {{"AT+CGREG=1", "AT+CEREG=2"}, {}, {}}, // a setting alone is no news
+        {{"AT+CFUN=4"}, {}, {"+CGREG: 0", "+CEREG: 0"}},
+        {{"AT+CFUN=1"},
+         {},
+         {"+CGREG: 1", "+CEREG: 1,\"0001\",\"00000006\",7", "+EEMLTESVC: 001,01,0001,0000006,1300,3,20,22,60,25,18"}},
+        {{"AT+CGREG=0", "AT+CEREG=0"},
+         {{"act", 0}, {"rxlev", 30}},
+         {"+EEMGINFOSVC: 001,01,0001,0000006,1300,3,20,22,30", "+CESQ: 30,99,255,255,25,60"}},
+        {{},
+         {{"act", 2}, {"rscp", 40}, {"ecno", 20}},
+         {"+EEMUMTSSVC: 001,01,0001,0000006,1300,3,20,22,40,20", "+CESQ: 30,99,40,20,25,60"}},
+        {{}, {{"sim", "SIM PUK"}}, {"+CPIN: SIM PUK"}},
+        {{}, {{"sim", "SIM REMOVED"}}, {"+SIMCARD: 0", "+CPIN: SIM REMOVED"}},
+        {{"AT+CFUN=5"}, {{"sim", "READY"}}, {"+SIMCARD: 1"}}, // behind an interface that is off
+        {{"AT+CFUN=1"}, {}, {"+CPIN: READY", "+EEMUMTSSVC: 001,01,0001,0000006,1300,3,20,22,40,20"}},
+        {{}, {{"contexts", "5,2"}}, {"+ZCONSTAT: 1,2", "+ZCONSTAT: 1,5"}},
+        {{}, {{"contexts", "5,7"}}, {"+ZCONSTAT: 0,2", "+ZCONSTAT: 1,7"}},
+    };
+    const RuleTable rules = RuleTable::built_in();
+    Modem modem;
+    std::vector<std::string> lines;
+    modem.on_unsolicited = [&](std::string_view line) { lines.emplace_back(line); };
+    for (size_t i = 0; i < std::size(steps); i++) {
+        lines.clear();
+        for (const std::string &command : steps[i].commands)
+            rules.answer(command, modem);
+        if (!steps[i].fields.is_null())
+            modem.set(steps[i].fields);
+        EXPECT_EQ(lines, steps[i].lines) << "step " << i;
+    }
+}
+
+// Errors of the card, as the modem was told to word them.
+TEST(Modem, WordsErrorsAsItsSettingSays) {
+    const struct {
+        const char *setting;
+        int error;
+        const char *final;
+    } cases[] = {
+        {"AT", 13, "+CME ERROR: 13"},
+        {"AT+CMEE=2", 13, "+CME ERROR: SIM failure"},
+        {"AT+CMEE=2", 508, "+CME ERROR: (U)SIM PUK blocked"},
+        {"AT+CMEE=2", 999, "+CME ERROR: 999"},
+        {"AT+CMEE=0", 13, "ERROR"},
+        {"AT+CMEE=3", 13, "+CME ERROR: 13"},
+    };
+    const RuleTable rules = RuleTable::built_in();
+    for (auto &[setting, error, final] : cases) {
+        Modem modem;
+        modem.set({{"sim_error", error}});
+        rules.answer(setting, modem);
+        for (const char *command : {"AT+CPIN?", "AT+CICCID", "AT+CIMI", "AT+CNUM"})
+            EXPECT_EQ(rules.answer(command, modem).text, std::string("\r\n") + final + "\r\n") << setting << command;
+    }
+}
+
 TEST(Clock, RunsWhatIsDueAtItsOwnMoment) {
     int64_t time = 5000;
     Clock clock([&] { return time; });

@@ -140,6 +140,23 @@ TEST_F(Module, LinesReachEveryClientInPieces) {
     EXPECT_EQ(quick.read(), "\r\n+CREG: 5\r\n");
 }
 
+TEST_F(Module, ContextsGoUpAndDown) {
+    Connection lines(indication_path);
+    sim::call("wait", {{"kind", "connect"}, {"text", "atind"}});
+    const auto context = [](int cid, int state) {
+        return sim::call("context", {{"cid", cid}, {"state", state}})["contexts"].get<std::string>();
+    };
+    EXPECT_EQ(context(5, 1), "5");
+    EXPECT_EQ(lines.read(), "\r\n+ZCONSTAT: 1,5\r\n");
+    EXPECT_EQ(context(15, 1), "5,15");
+    EXPECT_EQ(lines.read(), "\r\n+ZCONSTAT: 1,15\r\n");
+    EXPECT_EQ(context(5, 1), "15,5"); // is up already
+    EXPECT_EQ(context(5, 0), "15");
+    EXPECT_EQ(lines.read(), "\r\n+ZCONSTAT: 0,5\r\n");
+    EXPECT_EQ(context(15, 0), "");
+    EXPECT_EQ(lines.read(), "\r\n+ZCONSTAT: 0,15\r\n");
+}
+
 TEST_F(Module, ControlSurvivesBadRequestsAndKeepsOrder) {
     Connection control(std::string(getenv("TAVRIK_SIM")) + "/control");
     const std::pair<std::string, const char *> bad[] = {
