@@ -2,6 +2,7 @@
 #include "indication/events.h"
 
 #include <ctime>
+#include <sched.h>
 
 using namespace ind;
 
@@ -97,16 +98,35 @@ TEST_F(Channel, burst_in_one_write) {
     }
 }
 
-TEST_F(Channel, slow_callback_loses_nothing) {
+// Reader, slow callbacks and sender on one core, bursts of many reads: all arrives, in order.
+TEST_F(Channel, slow_callback_on_one_core) {
+    cpu_set_t before, one;
+    ASSERT_EQ(sched_getaffinity(0, sizeof before, &before), 0);
+    CPU_ZERO(&one);
+    for (int cpu = 0; !CPU_COUNT(&one); ++cpu)
+        if (CPU_ISSET(cpu, &before))
+            CPU_SET(cpu, &one);
+    sched_setaffinity(0, sizeof one, &one); // and with it for the reader that starts now
     add_all();
-    g_inside = [](const std::string &) { usleep(1000); };
-    std::string burst;
-    Texts expected;
-    for (int i = 0; i < 500; ++i) {
-        burst += "+CLCC: " + std::to_string(i) + ",0,0,0,0\r\n";
+    g_inside = [calls = 0](const std::string &) mutable {
+        if (++calls % 2)
+            usleep(1000);
+        else
+            for (const clock_t end = clock() + CLOCKS_PER_SEC / 2000; clock() < end;)
+                continue;
+    };
+    Texts bursts, expected;
+    for (int i = 0; i < 600; ++i) {
+        if (i % 200 == 0)
+            bursts.emplace_back();
+        bursts.back() += "\r\n+CLCC: " + std::to_string(i) + ",0,0,0,0\r\n";
         expected.push_back("call 1: " + std::to_string(i) + " 1 3 ");
     }
-    EXPECT_EQ(outcome({burst, "+CPIN: READY\r\n"}).size(), expected.size() + 1);
+    for (const std::string &burst : bursts)
+        EXPECT_EQ(send(server.client(), burst.data(), burst.size(), MSG_NOSIGNAL), ssize_t(burst.size()));
+    EXPECT_GT(bursts[0].size(), 4096u);
+    EXPECT_EQ(events(expected.back()), expected);
+    sched_setaffinity(0, sizeof before, &before);
 }
 
 // What is left of a full read waits for the next one, however short, and is never given up for good.

@@ -60,6 +60,7 @@ outside)
   "$build/tavrik-sim" run -- "$0" "$build" module || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" radio || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" events || failed=1
+  "$build/tavrik-sim" run --scenario "${0%/*}/../../sim/scenarios/drive.json" -- "$0" "$build" drive || failed=1
   exit $failed
   ;;
 empty)
@@ -70,7 +71,9 @@ empty)
   done
   exit $failed
   ;;
-radio | events)
+radio | events | drive)
+  # shellcheck source=/dev/null
+  [ "$place" = radio ] || . "${0%/*}/monitor.sh"
   # shellcheck source=/dev/null
   . "${0%/*}/$place.sh"
   exit $failed
