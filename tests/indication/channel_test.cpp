@@ -174,7 +174,8 @@ TEST_F(Channel, closed_by_the_server) {
         clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &after);
     });
     EXPECT_LT((after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000, 20);
-    EXPECT_EQ(count(log, "indication connection lost, errno 0"), 1u) << log;
+    EXPECT_EQ(count(log, "[sdklog err:read_burst:"), 1u) << log;
+    EXPECT_EQ(count(log, "indication connection lost, errno 0\n"), 1u) << log;
 
     EXPECT_EQ(add(TAVRIK_IND_SIM), 0); // the thread runs
     EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_LOST);

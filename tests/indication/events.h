@@ -12,6 +12,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <sys/resource.h>
 #include <vector>
 
 namespace ind {
@@ -105,6 +106,22 @@ inline size_t count(const std::string &text, const std::string &part) {
         ++found;
     return found;
 }
+
+// Meanwhile this process can open no more than `room` descriptors.
+class FewDescriptors {
+  public:
+    explicit FewDescriptors(int room) {
+        getrlimit(RLIMIT_NOFILE, &before_);
+        const int next = dup(0);
+        close(next);
+        const rlimit few = {rlim_t(next + room), before_.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    }
+    ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
+
+  private:
+    rlimit before_;
+};
 
 // A case starts and ends with nothing registered.
 class Indication : public testing::Test {

@@ -159,6 +159,7 @@ TEST_F(Parsers, chunks) {
         const std::string log = logged([&] { at_indication_data_handler(bytes.data(), int(bytes.size())); });
         EXPECT_EQ(events(), c.events) << c.chunk;
         EXPECT_EQ(texts_of(log), c.log) << c.chunk;
+        EXPECT_EQ(count(log, "[sdklog err:at_indication_data_handler:"), *c.log ? 1u : 0u) << log;
     }
     at_indication_data_handler(nullptr, 1);
     at_indication_data_handler("+CREG: 1\r\n", 0);

@@ -47,22 +47,32 @@ using Deregister = int (*)(void);
 TEST_F(RegistryTest, each_family_and_the_count) {
     const struct {
         Deregister call;
-        const char *name, *number;
+        const char *number;
+        std::string name;
         Texts left; // of the lines below, the events
     } cases[] = {
-        {tavrik_indication_smsderegister, "smsderegister", ":6", {"call", "data", "ecall", "nw", "sim", "signal"}},
-        {tavrik_indication_uimderegister, "uimderegister", ":5", {"call", "data", "ecall", "nw", "signal"}},
-        {tavrik_indication_nwderegister, "nwderegister", ":3", {"call", "data", "ecall"}},
-        {tavrik_indication_ecallderegister, "ecallderegister", ":2", {"call", "data"}},
+        {tavrik_indication_smsderegister,
+         ":6",
+         "tavrik_indication_smsderegister",
+         {"call", "data", "ecall", "nw", "sim", "signal"}},
+        {tavrik_indication_uimderegister,
+         ":5",
+         "tavrik_indication_uimderegister",
+         {"call", "data", "ecall", "nw", "signal"}},
+        {tavrik_indication_nwderegister, ":3", "tavrik_indication_nwderegister", {"call", "data", "ecall"}},
+        {tavrik_indication_ecallderegister, ":2", "tavrik_indication_ecallderegister", {"call", "data"}},
         // one that has no callback any more counts all the same, and the last one takes everything along
-        {tavrik_indication_ecallderegister, "ecallderegister", ":1", {"call", "data"}},
-        {tavrik_indication_ecallderegister, "ecallderegister", ":0", {}},
+        {tavrik_indication_ecallderegister, ":1", "tavrik_indication_ecallderegister", {"call", "data"}},
+        {tavrik_indication_ecallderegister, ":0", "tavrik_indication_ecallderegister", {}},
     };
-    for (const Deregister last : {tavrik_indication_voicecallderegister, tavrik_indication_datacallderegister}) {
+    const std::pair<Deregister, const char *> others[] = {
+        {tavrik_indication_voicecallderegister, "tavrik_indication_voicecallderegister"},
+        {tavrik_indication_datacallderegister, "tavrik_indication_datacallderegister"}};
+    for (const auto &[last, name] : others) {
         add_all();
         for (const auto &c : cases) {
             const std::string log = logged([&] { EXPECT_EQ(c.call(), 0); });
-            EXPECT_NE(log.find(std::string("[sdklog info:tavrik_indication_") + c.name), std::string::npos) << log;
+            EXPECT_NE(log.find("[sdklog info:" + c.name + ":"), std::string::npos) << log;
             EXPECT_NE(log.find(std::string("indication_register_number") + c.number + "\n"), std::string::npos) << log;
             for (const char *line : {"+CMT: 1\r\n00", "+CLCC: 1,0,0,0,0", "+ZCONSTAT: 1,1", "*ECALLDATA: 1", "+CREG: 1",
                                      "+CPIN: READY", "+CESQ: 1,1,1,1,1,1"})
@@ -75,7 +85,9 @@ TEST_F(RegistryTest, each_family_and_the_count) {
         EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_NONE);
         EXPECT_EQ(threads_named("sdkind0306"), 0);
         EXPECT_EQ(add(TAVRIK_IND_VOICE), 0);
-        EXPECT_EQ(last(), 0);
+        const std::string log = logged([last = last] { EXPECT_EQ(last(), 0); });
+        EXPECT_NE(log.find(std::string("[sdklog info:") + name), std::string::npos) << log;
+        EXPECT_NE(log.find("indication_register_number:0\n"), std::string::npos) << log;
         EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_NONE);
     }
 }
@@ -85,6 +97,7 @@ TEST_F(RegistryTest, server_down) {
     const std::string log = logged([] { EXPECT_EQ(add(TAVRIK_IND_SIM), -1); });
     EXPECT_NE(log.find("[sdklog err:start_indication_thread:"), std::string::npos) << log;
     EXPECT_NE(log.find("create socket failed\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("[sdklog err:tavrik_indication_register:"), std::string::npos) << log;
     EXPECT_NE(log.find("indication thread id < 0\n"), std::string::npos) << log;
     EXPECT_EQ(start_indication_thread(), 0u);
     {
@@ -94,6 +107,21 @@ TEST_F(RegistryTest, server_down) {
         again.answer("+CPIN: READY\r\n+CREG: 1\r\n"); // the first registration holds
         EXPECT_EQ(events("nw 1 1f 0 0").size(), 2u);
     }
+}
+
+TEST_F(RegistryTest, no_thread_to_be_had) {
+    unsigned long thread = 1;
+    const std::string log = logged([&] {
+        const FewDescriptors socket_only(1);
+        thread = start_indication_thread();
+    });
+    EXPECT_EQ(thread, 0u);
+    EXPECT_EQ(count(log, "[sdklog err:start_indication_thread:"), 1u) << log;
+    EXPECT_EQ(count(log, "pthread_create failed\n"), 1u) << log;
+    ASSERT_TRUE(server.accept_client());
+    char byte;
+    EXPECT_EQ(recv(server.client(), &byte, 1, 0), 0); // the connection is closed
+    EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_NONE);
 }
 
 TEST_F(RegistryTest, one_thread) {

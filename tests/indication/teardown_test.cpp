@@ -109,7 +109,7 @@ TEST_F(Teardown, left_behind) {
         const std::string log = logged(
             [&] { took = duration(everything ? tavrik_indication_deregister : tavrik_indication_nwderegister); });
         EXPECT_GE(took, 1995);
-        EXPECT_EQ(count(log, "left behind"), 1u) << log;
+        EXPECT_EQ(count(log, "callback does not end, left behind\n"), 1u) << log;
         if (everything) {
             EXPECT_EQ(events(), Texts());
             EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_NONE);
@@ -134,6 +134,37 @@ TEST_F(Teardown, left_behind) {
         g_inside = nullptr;
         tavrik_indication_deregister();
     }
+}
+
+// The thread that is left behind cannot be replaced: nothing runs, until somebody registers again.
+TEST_F(Teardown, left_behind_without_a_successor) {
+    add_all();
+    Event inside, release, back;
+    g_inside = [&](const std::string &event) {
+        if (event[0] != 'n')
+            return;
+        inside.set();
+        release.wait();
+        back.set();
+    };
+    server.answer("+CREG: 1\r\n+CPIN: READY\r\n");
+    inside.wait();
+    const std::string log = logged([] {
+        const FewDescriptors none(0);
+        EXPECT_EQ(tavrik_indication_nwderegister(), 0);
+    });
+    EXPECT_EQ(count(log, "callback does not end, left behind\n"), 1u) << log;
+    EXPECT_EQ(count(log, "no indication thread for the other callbacks\n"), 1u) << log;
+    EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_NONE);
+    char byte;
+    EXPECT_EQ(recv(server.client(), &byte, 1, 0), 0);
+    EXPECT_EQ(add(TAVRIK_IND_SIM), 0);
+    ASSERT_TRUE(server.accept_client());
+    server.answer("+CPIN: SIM PIN\r\n");
+    EXPECT_EQ(events("sim 6 64: 2 1 -2147483648 SIM PIN").size(), 1u);
+    release.set();
+    back.wait();
+    EXPECT_EQ(events("nw 1 1f 0 0").size(), 1u);
 }
 
 // Two callbacks on two threads, each of which ends the other's registration, and stays until both have done it.
