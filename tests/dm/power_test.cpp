@@ -208,6 +208,24 @@ TEST_F(Power, ReleasesALock) {
     EXPECT_EQ(kernel("wake_unlock"), "a'b gps");
 }
 
+// Names that fit the one command and not the other, and a list that fits no buffer: its last piece counts.
+TEST_F(Power, BoundsOfNamesAndList) {
+    const std::string longest(97, 'n');
+    EXPECT_EQ(take(longest), 0);
+    EXPECT_EQ(take(longest + "n"), 0);
+    EXPECT_EQ(Tavrik_DM_RemoveSourceLock(longest.c_str()), 0);
+    EXPECT_EQ(log_of([&] { EXPECT_EQ(Tavrik_DM_RemoveSourceLock((longest + "n").c_str()), -1); }),
+              "Tavrik_DM_RemoveSourceLock: remove source lock " + longest + "n failed\n");
+    std::string all;
+    for (const char first : {'a', 'b', 'c', 'd', 'e'}) {
+        EXPECT_EQ(take(first + longest), 0);
+        all += first + longest + " ";
+    }
+    all += longest + "n";
+    EXPECT_EQ(kernel("wake_lock"), all);
+    EXPECT_EQ(locks(), all.substr(511));
+}
+
 // Whatever waits to be read: what was written last counts.
 TEST_F(Power, WritesCountInTheirOrder) {
     const pid_t module = sim::call("state")["pids"]["module"];

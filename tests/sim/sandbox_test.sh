@@ -70,6 +70,7 @@ set -e
 [ "$(id -u)" = 0 ]
 for socket in /tmp/atcmdsdk /tmp/atcmdsdkind /var/run/ubus/ubus.sock /var/run/ubus.sock; do [ -S $socket ]; done
 [ -p /dev/kmsg ] && echo "kernel text" >/dev/kmsg
+echo lock >/sys/power/wake_lock && [ "$(cat /sys/power/wake_lock)" = lock ]
 reboot -f
 [ -z "$(ls -A /etc/config)$(ls -A /etc/stat)" ]
 echo "config interface lan" >/etc/config/network

@@ -113,7 +113,11 @@ TEST_F(Uim, ReadsImsiAndNumber) {
         {"exact fit", raw(longest), number, cnum, "0 63 " + std::string(63, '7'), answered(longest)},
         {"too long", raw(longer), number, cnum, "-1 77 -", answered(longer)},
         {"one field", raw(one), number, cnum, "0 0 ", answered(one)},
-        {"no number", {{"state", {{"number", ""}}}}, number, cnum, "-1 77 -",
+        {"no number",
+         {{"state", {{"number", ""}}}},
+         number,
+         cnum,
+         "-1 77 -",
          answered(none) + "Tavrik_UIM_GetPhoneNum: tok start faild\n"},
         {"error", error(13), number, cnum, "-1 77 -",
          refused + "Tavrik_UIM_GetPhoneNum: get number faild: \r\n+CME ERROR: 13\r\n"},
@@ -129,7 +133,7 @@ TEST_F(Uim, WritesTheNumber) {
     EXPECT_EQ(Tavrik_UIM_SetPhoneNum(0, longest.c_str()), 0);
     EXPECT_EQ(Tavrik_UIM_SetPhoneNum(0, ""), 0);
     EXPECT_EQ(sim::recorded("at"), (std::vector<std::string>{"AT+CNUM=1,\"+491701234567\",145", "AT+CNUM=1,\"110\"",
-                                                            "AT+CNUM=1,\"" + longest + "\"", "AT+CNUM=1,\"\""}));
+                                                             "AT+CNUM=1,\"" + longest + "\"", "AT+CNUM=1,\"\""}));
     const std::string plus = "+" + std::string(47, '1');
     for (const std::string &wrong : {std::string("12-3"), std::string("1+2"), std::string("++1"), longest + "1", plus})
         EXPECT_EQ(sim::log_of([&] { EXPECT_EQ(Tavrik_UIM_SetPhoneNum(0, wrong.c_str()), -1) << wrong; }),
@@ -149,7 +153,13 @@ TEST_F(Uim, SwitchesTheInterface) {
     sim::fault("at", "AT+CFUN=*", {{"delay", 2500}});
     EXPECT_EQ(Tavrik_UIM_Powerup(0), 0);
     EXPECT_EQ(sim::log_of([] { EXPECT_EQ(Tavrik_UIM_Powerdown(0), -1); }), "Tavrik_AT_Send: time out\n");
-    EXPECT_EQ(sim::recorded("at"), (std::vector<std::string>{"AT+CFUN=5", "AT+CPIN?", "AT+CFUN=1", "AT+CFUN=5"}));
+    sim::call("clear");
+    sim::fault("at", "AT+CFUN=1", {{"error", "ERROR"}});
+    Tavrik_AT_Deinit(); // the late answer goes with the connection
+    EXPECT_EQ(Tavrik_UIM_Init(), 0);
+    EXPECT_EQ(sim::log_of([] { EXPECT_EQ(Tavrik_UIM_Powerup(0), -1); }), refused);
+    EXPECT_EQ(sim::recorded("at"),
+              (std::vector<std::string>{"AT+CFUN=5", "AT+CPIN?", "AT+CFUN=1", "AT+CFUN=5", "AT+CFUN=1"}));
 }
 
 TEST_F(Uim, RefusesBeforeSending) {
@@ -178,9 +188,9 @@ TEST_F(Uim, RefusesBeforeSending) {
                   EXPECT_EQ(Tavrik_UIM_Powerup(1), -1);
                   EXPECT_EQ(Tavrik_UIM_Powerdown(1), -1);
               }),
-              "Tavrik_UIM_GetUimCardStatus" + null + "Tavrik_UIM_GetUimCardStatus" + second +
-                  "Tavrik_UIM_SetPhoneNum" + null + "Tavrik_UIM_SetPhoneNum" + second + "Tavrik_UIM_Powerup" + second +
-                  "Tavrik_UIM_Powerdown" + second);
+              "Tavrik_UIM_GetUimCardStatus" + null + "Tavrik_UIM_GetUimCardStatus" + second + "Tavrik_UIM_SetPhoneNum" +
+                  null + "Tavrik_UIM_SetPhoneNum" + second + "Tavrik_UIM_Powerup" + second + "Tavrik_UIM_Powerdown" +
+                  second);
     EXPECT_TRUE(sim::recorded("at").empty());
 }
 
@@ -193,7 +203,10 @@ TEST_F(Uim, ChecksRilReplies) {
     } cases[] = {
         {1, uim_status_request_cb, {{"sim_status_length", 280}}, nullptr, ""},
         {1, uim_status_request_cb, {{"sim_status_length", 276}}, nullptr, ""},
-        {1, uim_status_request_cb, {{"sim_status_length", 277}}, nullptr,
+        {1,
+         uim_status_request_cb,
+         {{"sim_status_length", 277}},
+         nullptr,
          "uim_status_request_cb: Return data length error\n"},
         {1, uim_status_request_cb, {}, {{"id", 2}}, "uim_status_request_cb: The response not for the request\n"},
         {1, uim_status_request_cb, {}, {{"raw", "noise"}}, "uim_status_request_cb: Call back Parse response failed\n"},
@@ -202,7 +215,10 @@ TEST_F(Uim, ChecksRilReplies) {
         {11, uim_imsi_request_cb, {}, {{"error", 2}, {"data", "00"}}, "uim_imsi_request_cb: response error 2\n"},
         {1, uim_imsi_request_cb, {}, nullptr, "uim_imsi_request_cb: The response not for the request\n"},
         {77, uim_phonenum_request_cb, {}, {{"data", sim::hex(std::string(63, '1'))}}, ""},
-        {78, uim_phonenum_request_cb, {}, {{"data", sim::hex(std::string(64, '1'))}},
+        {78,
+         uim_phonenum_request_cb,
+         {},
+         {{"data", sim::hex(std::string(64, '1'))}},
          "uim_phonenum_request_cb: phone number too long\n"},
         {78, uim_phonenum_request_cb, {}, {{"data", nullptr}}, "uim_phonenum_request_cb: no response data\n"},
     };
@@ -212,10 +228,9 @@ TEST_F(Uim, ChecksRilReplies) {
             sim::call("state", test.state);
         if (!test.effect.is_null())
             sim::fault("ril", test.request, test.effect);
-        EXPECT_EQ(sim::log_of([&] {
-                      EXPECT_EQ(tavrik_ubus_invoke(uint32_t(test.request), test.handler, nullptr, 3000), 0);
-                  }),
-                  test.log);
+        EXPECT_EQ(
+            sim::log_of([&] { EXPECT_EQ(tavrik_ubus_invoke(uint32_t(test.request), test.handler, nullptr, 3000), 0); }),
+            test.log);
         sim::call("reset");
     }
 }
