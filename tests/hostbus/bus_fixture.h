@@ -36,6 +36,15 @@ inline int connect_to(const std::string &path) {
     return -1;
 }
 
+inline int listen_at(const std::string &path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) | listen(fd, 9), 0) << path;
+    return fd;
+}
+
 // Runs a function in a child process, which ends with the test at the latest.
 class Child {
   public:
@@ -217,11 +226,14 @@ class HostBus : public ::testing::Test {
         EXPECT_FALSE(std::filesystem::exists(path));
         std::filesystem::remove_all(folder);
     }
-    void start_daemon() {
-        daemon = std::make_unique<Child>([&] {
-            execl(TAVRIK_UBUSD_PATH, "tavrik-ubusd", "-s", path.c_str(), "-A", (folder + "/rules").c_str(), nullptr);
+    std::unique_ptr<Child> run_daemon(const char *option, const std::string &value) const {
+        return std::make_unique<Child>([&] {
+            execl(TAVRIK_UBUSD_PATH, "tavrik-ubusd", "-A", (folder + "/rules").c_str(), option, value.c_str(), nullptr);
             return 127;
         });
+    }
+    void start_daemon() {
+        daemon = run_daemon("-s", path);
         int fd = -1;
         for (int64_t end = now_ms() + ceiling_ms; now_ms() < end && (fd = connect_to(path)) < 0;)
             usleep(5000);

@@ -96,9 +96,10 @@ int ubus_register_acl(struct ubus_context *ctx) {
     return ask(ctx);
 }
 
-void hostbus_acl_shutdown(const struct ubus_context *ctx) {
+void hostbus_acl_shutdown(struct ubus_context *ctx) {
     if (ctx != follower)
         return;
     follower = NULL;
+    ubus_abort_request(ctx, &query); // it outlives the context in whose list it is
     clear();
 }

@@ -112,6 +112,7 @@ void hostbus_add_all_again(struct ubus_context *ctx) {
         ubus_add_object(ctx, obj);
     }
     ctx->stack_depth--;
+    hostbus_catch_up(ctx);
 }
 
 static int send_answer(struct ubus_context *ctx, const struct ubus_request_data *req, uint8_t type, int fd) {
@@ -214,6 +215,14 @@ void hostbus_object_message(struct ubus_context *ctx, const struct ubus_msghdr *
 void hostbus_run_pending(struct ubus_context *ctx) {
     for (struct Kept *kept; !ctx->stack_depth && (kept = hostbus_take(&ctx->pending)) != NULL; free(kept))
         hostbus_object_message(ctx, &kept->hdr, kept->body, kept->fd);
+}
+
+// After a wait: what arrived meanwhile is handled by the loop, or now.
+void hostbus_catch_up(struct ubus_context *ctx) {
+    if (ctx->sock.registered && !ctx->stack_depth && !list_empty(&ctx->pending))
+        uloop_timeout_set(&ctx->pending_timer, 1);
+    else
+        hostbus_run_pending(ctx);
 }
 
 static void auto_subscribe(struct ubus_context *ctx, struct ubus_subscriber *sub, const char *path, uint32_t id) {
