@@ -735,7 +735,6 @@ TEST_F(Client, FollowsByItself) {
     ASSERT_TRUE(pump(3));
     EXPECT_EQ(trail, (Lines{"service", "mine", "subscribers 1"}));
     std::swap(ctx, other);
-    EXPECT_EQ(ubus_unregister_subscriber(ctx, &subscriber), 0);
 
     // The rules for own objects; a context that is gone in between leaves nothing behind.
     if (getuid() == 0) {
@@ -767,6 +766,10 @@ TEST_F(Client, FollowsByItself) {
         EXPECT_EQ(rules(&key), 0);
     }
     ubus_free(other);
+    subscriber.obj.id = 0; // for use with another context
+    EXPECT_EQ(ubus_unregister_subscriber(ctx, &subscriber), 4);
+    EXPECT_EQ(ubus_register_subscriber(ctx, &subscriber), 0);
+    EXPECT_EQ(ubus_unregister_subscriber(ctx, &subscriber), 0);
 }
 
 // Two ends of a socket pair, without a daemon.
@@ -828,6 +831,8 @@ TEST_F(Client, AnotherUser) {
         EXPECT_EQ(ubus_register_subscriber(c, &subscriber), 0) << "anonymous";
         EXPECT_EQ(ubus_subscribe(c, &subscriber, id), 4);
         EXPECT_EQ(ubus_monitor_start(c), 6);
+        for (int i = 0; i < 3; i++)
+            EXPECT_EQ(ubus_register_acl(c), 6);
     });
 }
 

@@ -41,11 +41,10 @@ void hostbus_object_message(struct ubus_context *ctx, const struct ubus_msghdr *
 void hostbus_run_pending(struct ubus_context *ctx);
 void hostbus_catch_up(struct ubus_context *ctx);
 void hostbus_add_all_again(struct ubus_context *ctx);
+void hostbus_auto_subscribe_again(struct ubus_context *ctx);
+void hostbus_auto_subscribe_end(struct ubus_context *ctx);
 bool hostbus_put_data(struct blob_attr *msg);
 
 // request.c
 void hostbus_answer(struct ubus_context *ctx, const struct ubus_msghdr *hdr, struct blob_attr *body, int fd);
 int hostbus_start(struct ubus_context *ctx, struct ubus_request *req, uint8_t type, uint32_t peer, int fd);
-
-// event.c
-void hostbus_auto_subscribe_again(struct ubus_context *ctx);

@@ -262,7 +262,16 @@ void hostbus_auto_subscribe_again(struct ubus_context *ctx) {
     list_for_each_entry_safe(sub, next, &ctx->auto_subscribers, list) ubus_lookup(ctx, NULL, auto_existing, sub);
 }
 
+// Subscribers may be used again with another context.
+void hostbus_auto_subscribe_end(struct ubus_context *ctx) {
+    if (!ubus_context_is_channel(ctx) && ctx->auto_subscribers.next)
+        while (!list_empty(&ctx->auto_subscribers))
+            list_del_init(ctx->auto_subscribers.next);
+}
+
 int ubus_register_subscriber(struct ubus_context *ctx, struct ubus_subscriber *sub) {
+    if (sub->list.next && !list_empty(&sub->list))
+        list_del_init(&sub->list); // its object was lost in a reconnect
     INIT_LIST_HEAD(&sub->list);
     sub->obj.methods = &subscriber_method;
     sub->obj.n_methods = 1;
