@@ -119,7 +119,11 @@ inline std::string frame(int type, unsigned seq, uint32_t peer, std::string_view
 
 class Peer {
   public:
-    explicit Peer(const std::string &path) : fd_(connect_to(path)) { id = next().peer; }
+    explicit Peer(const std::string &path) : fd_(connect_to(path)) {
+        Message hello = next();
+        id = hello.peer;
+        greeting = hello.all;
+    }
     ~Peer() { hang_up(); }
     Peer(const Peer &) = delete;
 
@@ -202,6 +206,7 @@ class Peer {
     }
 
     uint32_t id = 0;
+    std::string greeting;
     unsigned seq = 0;
     int received_fd = -1;
     std::vector<Message> before;

@@ -124,6 +124,11 @@ int own_handler(ubus_context *ctx, ubus_object *, ubus_request_data *, const cha
     return status;
 }
 constexpr ubus_method own_methods[] = {UBUS_METHOD_NOARG("poked", own_handler)};
+int noting_handler(ubus_context *, ubus_object *, ubus_request_data *, const char *method, blob_attr *msg) {
+    note(method, number_in(msg));
+    return 0;
+}
+constexpr ubus_method any_method[] = {UBUS_METHOD_NOARG(nullptr, noting_handler)};
 
 class Client : public HostBus {
   protected:
@@ -681,6 +686,35 @@ TEST_F(Client, BytesOnTheWire) {
     ubus_free(ctx);
     ctx = nullptr;
     EXPECT_EQ(fake.end(), 0) << "the row of the request that is wrong";
+}
+
+// A call that arrives while the objects are added again is handled before the reconnect returns.
+TEST_F(Client, CalledDuringReconnect) {
+    std::string odd = folder + "/odd", hello = "000000009b1ebf1000000004", object = "0300000800001234";
+    int listener = listen_at(odd);
+    Child fake([&] {
+        for (std::string seq : {"0001", "0002"}) {
+            std::string answers = "0002" + seq + "000000000000000c" + object + "00050002" + "9b1ebf10" + "0000001c" +
+                                  object + "0400000a706f6b6564000000" + "07000004" + "0001" + seq +
+                                  "000000000000000c0100000800000000";
+            int fd = accept(listener, nullptr, nullptr);
+            char request[200];
+            for (const std::string &bytes : {unhex(hello), unhex(answers)})
+                if (::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0 ||
+                    recv(fd, request, sizeof request, 0) < 0)
+                    return 1;
+        }
+        return 0;
+    });
+    close(listener);
+    own.methods = any_method;
+    ubus_context *c = ubus_connect(odd.c_str());
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(ubus_add_object(c, &own), 0);
+    EXPECT_EQ(trail, Lines{"poked -1"});
+    EXPECT_EQ(ubus_reconnect(c, odd.c_str()), 0);
+    EXPECT_EQ(trail, (Lines{"poked -1", "poked -1"}));
+    ubus_free(c);
 }
 
 // What follows the bus by itself: connections, subscriptions, access rules.
