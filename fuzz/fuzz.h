@@ -21,6 +21,8 @@ class Input {
         size_--;
         return *data_++;
     }
+    bool empty() const { return !size_; }
+    unsigned next() const { return size_ ? *data_ : 0u; } // and leaves it there
     std::string rest() { return std::string(reinterpret_cast<const char *>(data_), size_); }
     // Up to the next zero byte.
     std::string text() {

@@ -36,6 +36,15 @@ inline int connect_to(const std::string &path) {
     return -1;
 }
 
+inline int listen_at(const std::string &path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) | listen(fd, 9), 0) << path;
+    return fd;
+}
+
 // Runs a function in a child process, which ends with the test at the latest.
 class Child {
   public:
@@ -110,7 +119,11 @@ inline std::string frame(int type, unsigned seq, uint32_t peer, std::string_view
 
 class Peer {
   public:
-    explicit Peer(const std::string &path) : fd_(connect_to(path)) { id = next().peer; }
+    explicit Peer(const std::string &path) : fd_(connect_to(path)) {
+        Message hello = next();
+        id = hello.peer;
+        greeting = hello.all;
+    }
     ~Peer() { hang_up(); }
     Peer(const Peer &) = delete;
 
@@ -193,6 +206,7 @@ class Peer {
     }
 
     uint32_t id = 0;
+    std::string greeting;
     unsigned seq = 0;
     int received_fd = -1;
     std::vector<Message> before;
@@ -217,15 +231,18 @@ class HostBus : public ::testing::Test {
         EXPECT_FALSE(std::filesystem::exists(path));
         std::filesystem::remove_all(folder);
     }
-    void start_daemon() {
-        daemon = std::make_unique<Child>([&] {
+    std::unique_ptr<Child> run_daemon(const char *option, const std::string &value) const {
+        return std::make_unique<Child>([&] {
             // TAVRIK_EMULATOR is what a program of another machine is started with.
             const char *const emulator = getenv("TAVRIK_EMULATOR");
             const std::string command = std::string("exec ") + (emulator ? emulator : "") + " '" TAVRIK_UBUSD_PATH
-                                        "' -s '" + path + "' -A '" + folder + "/rules'";
+                                        "' -A '" + folder + "/rules' " + option + " '" + value + "'";
             execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
             return 127;
         });
+    }
+    void start_daemon() {
+        daemon = run_daemon("-s", path);
         int fd = -1;
         for (int64_t end = now_ms() + ceiling_ms; now_ms() < end && (fd = connect_to(path)) < 0;)
             usleep(5000);

@@ -2,7 +2,11 @@
 #include "bus_fixture.h"
 
 #include <fcntl.h>
+#include <fstream>
+#include <grp.h>
 #include <libubus.h>
+#include <pwd.h>
+#include <sys/stat.h>
 
 using namespace hostbus;
 
@@ -20,11 +24,14 @@ blob_attr *number(uint32_t n) {
     blobmsg_add_u32(&buf, "n", n);
     return buf.head;
 }
-int number_in(blob_attr *msg) {
+int number_in(void *fields, size_t length) {
     static constexpr blobmsg_policy policy = {"n", BLOBMSG_TYPE_INT32};
     blob_attr *n = nullptr;
-    blobmsg_parse(&policy, 1, &n, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
+    blobmsg_parse(&policy, 1, &n, fields, static_cast<unsigned>(length));
     return n ? static_cast<int>(blobmsg_get_u32(n)) : -1;
+}
+int number_in(blob_attr *msg) {
+    return number_in(blob_data(msg), blob_len(msg));
 }
 void on_data(ubus_request *, int, blob_attr *msg) {
     note("data", number_in(msg));
@@ -117,6 +124,11 @@ int own_handler(ubus_context *ctx, ubus_object *, ubus_request_data *, const cha
     return status;
 }
 constexpr ubus_method own_methods[] = {UBUS_METHOD_NOARG("poked", own_handler)};
+int noting_handler(ubus_context *, ubus_object *, ubus_request_data *, const char *method, blob_attr *msg) {
+    note(method, number_in(msg));
+    return 0;
+}
+constexpr ubus_method any_method[] = {UBUS_METHOD_NOARG(nullptr, noting_handler)};
 
 class Client : public HostBus {
   protected:
@@ -153,12 +165,15 @@ class Client : public HostBus {
     // Handles events until the trail has so many entries; one poll for each.
     bool pump(size_t entries) {
         while (trail.size() < entries) {
-            pollfd pfd{ctx->sock.fd, POLLIN, 0};
-            if (poll(&pfd, 1, ceiling_ms) <= 0)
+            if (!waits(ceiling_ms))
                 return false;
             ubus_handle_event(ctx);
         }
         return true;
+    }
+    bool waits(int limit_ms) const { // a message, or the end
+        pollfd pfd{ctx->sock.fd, POLLIN, 0};
+        return poll(&pfd, 1, limit_ms) > 0;
     }
     ubus_context *ctx = nullptr;
     uint32_t id = 0;
@@ -180,12 +195,17 @@ TEST_F(Client, Calls) {
         EXPECT_EQ(invoke(row.method, ceiling_ms, number(5)), row.status) << row.method;
         EXPECT_EQ(trail, row.data) << row.method;
     }
+    EXPECT_EQ(invoke("later", 0), 77) << "no limit";
     EXPECT_EQ(ubus_invoke(ctx, 99999, "echo", nullptr, nullptr, nullptr, 1000), 4);
     EXPECT_EQ(ubus_invoke(ctx, id, nullptr, nullptr, nullptr, nullptr, 1000), 2);
     EXPECT_EQ(ubus_send_event(ctx, "e", nullptr), 0);
     blob_buf big{};
     blob_buf_init(&big, 0);
-    blobmsg_add_string(&big, "big", std::string(1048576, 'x').c_str());
+    blobmsg_add_string(&big, "big", std::string(1000000, 'x').c_str());
+    trail.clear();
+    EXPECT_EQ(invoke("echo", ceiling_ms, big.head), 0);
+    EXPECT_EQ(trail, Lines{"data -1"});
+    blobmsg_add_string(&big, "more", std::string(48576, 'x').c_str());
     EXPECT_EQ(invoke("echo", 1000, big.head), 2) << "too long to be sent";
     blob_buf_free(&big);
     EXPECT_EQ(invoke("die", 100), 7) << "nobody tells the caller";
@@ -197,7 +217,8 @@ TEST_F(Client, TimeLimits) {
     struct {
         const char *method;
         int limit;
-    } const rows[] = {{"silent", -1}, {"silent", 1}, {"silent", 20}, {"silent", 300}, {"remove", 200}};
+    } const rows[] = {{"silent", -1},  {"silent", 1},    {"silent", 20},
+                      {"silent", 300}, {"silent", 2500}, {"remove", 200}};
     for (const auto &row : rows) {
         int64_t start = now_ms();
         EXPECT_EQ(invoke(row.method, row.limit), 7) << row.method;
@@ -301,6 +322,24 @@ TEST_F(Client, DaemonDies) {
     EXPECT_EQ(ubus_connect((folder + std::string(120, 'x')).c_str()), nullptr);
     daemon->end();
     start_daemon();
+
+    // Nobody waits when it happens.
+    ASSERT_EQ(ubus_reconnect(ctx, path.c_str()), 0);
+    Peer owner(path);
+    id = owner.add("owner");
+    trail.clear();
+    start(req, "silent");
+    daemon->end(SIGKILL);
+    ASSERT_TRUE(pump(2));
+    EXPECT_EQ(trail, (Lines{"complete 7", "lost"}));
+    EXPECT_EQ(invoke("echo"), 2);
+    // SIGPIPE is the program's to ignore, which connecting does for it.
+    Child careless([&] {
+        signal(SIGPIPE, SIG_DFL);
+        return invoke("echo");
+    });
+    EXPECT_EQ(careless.end(), -SIGPIPE);
+    start_daemon();
 }
 
 TEST_F(Client, ObjectsEventsAndReconnect) {
@@ -326,7 +365,9 @@ TEST_F(Client, ObjectsEventsAndReconnect) {
     EXPECT_EQ(trail, Lines{"foo.bar 3"});
 
     uint32_t before = own.id, found = 0;
+    ubus_add_uloop(ctx);
     EXPECT_EQ(ubus_reconnect(ctx, path.c_str()), 0);
+    EXPECT_FALSE(ctx->sock.registered) << "not in the loop again";
     EXPECT_EQ(ubus_lookup_id(other, "mine", &found), 0);
     EXPECT_EQ(found, own.id);
     EXPECT_NE(found, before);
@@ -335,6 +376,23 @@ TEST_F(Client, ObjectsEventsAndReconnect) {
     EXPECT_EQ(ubus_send_event(other, "foo.bar", number(5)), 0);
     ASSERT_TRUE(pump(2));
     EXPECT_EQ(trail[1], "foo.bar 5");
+
+    // A reader that sleeps loses what it has no room for, and only that; those who send do not notice.
+    trail.clear();
+    blob_buf big{};
+    for (int i = 0; i < 3000; i++) {
+        blob_buf_init(&big, 0);
+        blobmsg_add_u32(&big, "n", static_cast<uint32_t>(i));
+        blobmsg_add_string(&big, "text", std::string(1000, 'x').c_str());
+        ASSERT_EQ(ubus_send_event(other, "foo.bar", big.head), 0);
+    }
+    blob_buf_free(&big);
+    while (waits(200))
+        ubus_handle_event(ctx);
+    EXPECT_GT(trail.size(), 900u);
+    EXPECT_LT(trail.size(), 3000u);
+    for (size_t i = 0; i < trail.size(); i++)
+        ASSERT_EQ(trail[i], "foo.bar " + std::to_string(i));
     ubus_free(other);
 }
 
@@ -387,12 +445,8 @@ TEST_F(Client, Notifications) {
 
 // A daemon that says what it is told to, byte by byte; what the client makes of it.
 TEST_F(Client, OddAnswers) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
     std::string odd = folder + "/odd";
-    strcpy(address.sun_path, odd.c_str());
-    int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address) | listen(listener, 9), 0);
+    int listener = listen_at(odd);
     std::string hello = "000000009b1ebf1000000004", good = "00010001000000050000000c0100000800000006";
     struct {
         std::string hello, answer; // of INVOKE 1 to object 5
@@ -407,7 +461,12 @@ TEST_F(Client, OddAnswers) {
         {hello, "000100010000000500000000", 10},                                        // length below 4
         {hello, "00020001000000050000000c0700000885", 10},                              // ends in the middle
         {hello, "0002000100000005000000100700000c7f00ffff01020304" + good, 6},          // blobmsg that is none
-        {"000000009b1ebf1000000008aabbccdd", good, 6},                                  // a greeting with a body
+        {hello,
+         "000300010000000500000004ff0c000100000005000000080000000000040001000000000000000400070001000000000000"
+         "000400080001000000000000000400000001000000010000000400ff00010000000500000004" +
+             good,
+         6},                                           // other types
+        {"000000009b1ebf1000000008aabbccdd", good, 6}, // a greeting with a body
         {"010000009b1ebf1000000004", good, -1},
         {"000000000100000000000004", good, -1},
         {hello.substr(0, 20), "", -1},
@@ -430,6 +489,387 @@ TEST_F(Client, OddAnswers) {
     close(listener);
 }
 
+// Requests and answers byte for byte: the program's part as in the comments, the daemon's from a table.
+TEST_F(Client, BytesOnTheWire) {
+    std::string odd = folder + "/odd", name = "0200000964656d6f00000000", object = "030000082f7a1075",
+                type = "05000008033c3bf6";
+    std::string signature =
+        "0600003c8200002c000568656c6c6f00850000100002696400000000000000058500001000036d7367000000000000"
+        "038200000c000470696e670000";
+    std::string hello = "0400000a68656c6c6f000000", root = "0c000009726f6f74000000000d000009726f6f7400000000";
+    std::string data = "07000024850000100002696400000000000000078300000f00036d736700000068690000";
+    std::string answer = "070000288700000d00026f6b00000000010000008300001100037478740000006162636400000000";
+    std::string good = "0000000c0100000800000000";
+    struct {
+        std::string request, answer;
+    } const rows[] = {
+        {"00040001"
+         "00000000"
+         "00000010" +
+             name, // ubus_lookup_id
+         "00020001"
+         "00000000"
+         "0000005c" +
+             name + object + type + signature + "0001000100000000" + good},
+        {"00060002"
+         "00000000"
+         "0000004c" +
+             name + signature, // ubus_add_object
+         "00020002"
+         "00000000"
+         "00000014" +
+             object + type + "0001000200000000" + good},
+        {"00050003"
+         "2f7a1075"
+         "0000003c" +
+             object + hello + data, // ubus_invoke, then a call to the object
+         "00020003"
+         "2f7a1075"
+         "00000034" +
+             object + answer + "000100032f7a1075000000140100000800000000" + object +
+             "00050002"
+             "9b1ebf10"
+             "00000054" +
+             object + hello + root + data},
+        {"00020002"
+         "9b1ebf10"
+         "00000034" +
+             object + answer + // ubus_send_reply and the handler's end
+             "00010002"
+             "9b1ebf10"
+             "000000140100000800000000" +
+             object,
+         ""},
+        {"000600040000000000000004", // ubus_register_event_handler
+         "00020004"
+         "00000000"
+         "0000000c"
+         "030000086908fdce"
+         "0001000400000000" +
+             good},
+        {"00050005"
+         "00000001"
+         "0000004c"
+         "03000008000000010400000d726567697374657200000000070000308500001400066f626a65637400"
+         "000000"
+         "6908fdce"
+         "8300001600077061747465726e000000"
+         "666f6f2e2a000000",
+         "0001000500000001" + good + // then an event
+             "00051000"
+             "00000000"
+             "00000028"
+             "030000086908fdce"
+             "0400000c666f6f2e62617200"
+             "070000108500000c0001610000000001"},
+        {"00011000"
+         "00000000"
+         "00000014"
+         "0100000800000000"
+         "030000086908fdce",
+         ""},
+        {"00050006"
+         "00000001"
+         "00000048"
+         "03000008000000010400000973656e640000000007000030830000140002696400000000" // ubus_send_event
+         "666f6f2e626172008200001800046461746100008500000c0001610000000001",
+         "0001000600000001" + good},
+        {"000600070000000000000004", // ubus_register_subscriber
+         "00020007"
+         "00000000"
+         "0000000c"
+         "030000087ee40251"
+         "0001000700000000" +
+             good},
+        {"00080008"
+         "00000000"
+         "00000014"
+         "030000087ee40251"
+         "080000082f7a1075", // ubus_subscribe, then a notification
+         "0001000800000000" + good +
+             "00050003"
+             "22d1a604"
+             "00000048"
+             "0a00000501000000"
+             "030000087ee40251"
+             "0400000970696e6700000000" +
+             root + "070000108500000c0001780000000005"},
+        {"00050009"
+         "00000003"
+         "00000018"
+         "0300000800000003"
+         "0400000861646400"
+         "07000004", // ubus_monitor_start, no answer to that
+         "000b00040000000000000038000000085b676274010000080000000003000008000000010400000800000001020000050100000005000"
+         "00c0100"
+         "000800000004"
+         "0001000900000003" +
+             good},
+        {"0007000a"
+         "00000000"
+         "0000000c" +
+             object, // ubus_remove_object
+         "0002000a"
+         "00000000"
+         "00000014" +
+             object + type + "0001000a00000000" + good},
+    };
+    int listener = listen_at(odd);
+    Child fake([&] {
+        int fd = accept(listener, nullptr, nullptr), row = 0;
+        std::string out = unhex("000000009b1ebf1000000004");
+        for (const auto &[request, reply] : rows) {
+            ::send(fd, out.data(), out.size(), MSG_NOSIGNAL);
+            std::string in(request.size() / 2, 0);
+            row++;
+            if (recv(fd, in.data(), in.size(), MSG_WAITALL) != static_cast<ssize_t>(in.size()) || hex(in) != request) {
+                fprintf(stderr, "got %s\n", hex(in).c_str());
+                return row;
+            }
+            out = unhex(reply);
+        }
+        ::send(fd, out.data(), out.size(), MSG_NOSIGNAL);
+        return recv(fd, out.data(), 1, 0) == 0 ? 0 : 100;
+    });
+    close(listener);
+    auto handler = [](ubus_context *c, ubus_object *, ubus_request_data *req, const char *method, blob_attr *) {
+        static blob_buf buf;
+        blob_buf_init(&buf, 0);
+        blobmsg_add_u8(&buf, "ok", 1);
+        blobmsg_add_string(&buf, "txt", "abcd");
+        trail.push_back(std::string(method) + " " + req->acl.user);
+        return ubus_send_reply(c, req, buf.head);
+    };
+    constexpr blobmsg_policy policy[] = {{"id", BLOBMSG_TYPE_INT32}, {"msg", BLOBMSG_TYPE_STRING}};
+    const ubus_method methods[] = {UBUS_METHOD("hello", handler, policy), UBUS_METHOD_NOARG("ping", handler)};
+    ubus_object_type demo_type = UBUS_OBJECT_TYPE("demo", methods);
+    ubus_object demo{};
+    demo.name = "demo";
+    demo.type = &demo_type;
+    demo.methods = methods;
+    demo.n_methods = 2;
+    ubus_event_handler events{};
+    events.cb = [](ubus_context *, ubus_event_handler *, const char *event, blob_attr *) { trail.emplace_back(event); };
+    ubus_subscriber subscriber{};
+    subscriber.cb = [](ubus_context *, ubus_object *, ubus_request_data *, const char *method, blob_attr *) {
+        trail.emplace_back(method);
+        return 0;
+    };
+    ubus_free(ctx);
+    ctx = ubus_connect(odd.c_str());
+    ASSERT_NE(ctx, nullptr);
+    ctx->monitor_cb = [](ubus_context *, uint32_t seq, blob_attr *body) {
+        note("monitor", int(seq * 100 + blob_len(body)));
+    };
+    uint32_t found = 0;
+    EXPECT_EQ(ubus_lookup_id(ctx, "demo", &found), 0);
+    EXPECT_EQ(found, 0x2f7a1075u);
+    EXPECT_EQ(ubus_add_object(ctx, &demo), 0);
+    blob_buf buf{};
+    blob_buf_init(&buf, 0);
+    blobmsg_add_u32(&buf, "id", 7);
+    blobmsg_add_string(&buf, "msg", "hi");
+    EXPECT_EQ(ubus_invoke(ctx, found, "hello", buf.head, on_data, nullptr, ceiling_ms), 0);
+    EXPECT_TRUE(pump(2));
+    EXPECT_EQ(ubus_register_event_handler(ctx, &events, "foo.*"), 0);
+    EXPECT_TRUE(pump(3));
+    blob_buf_init(&buf, 0);
+    blobmsg_add_u32(&buf, "a", 1);
+    EXPECT_EQ(ubus_send_event(ctx, "foo.bar", buf.head), 0);
+    blob_buf_free(&buf);
+    EXPECT_EQ(ubus_register_subscriber(ctx, &subscriber), 0);
+    EXPECT_EQ(ubus_subscribe(ctx, &subscriber, found), 0);
+    EXPECT_TRUE(pump(4));
+    EXPECT_EQ(ubus_monitor_start(ctx), 0);
+    EXPECT_EQ(ubus_remove_object(ctx, &demo), 0);
+    EXPECT_EQ(trail, (Lines{"data -1", "hello root", "foo.bar", "ping", "monitor 452"}));
+    ubus_free(ctx);
+    ctx = nullptr;
+    EXPECT_EQ(fake.end(), 0) << "the row of the request that is wrong";
+}
+
+// A call that arrives while the objects are added again is handled before the reconnect returns.
+TEST_F(Client, CalledDuringReconnect) {
+    std::string odd = folder + "/odd", hello = "000000009b1ebf1000000004", object = "0300000800001234";
+    int listener = listen_at(odd);
+    Child fake([&] {
+        for (std::string seq : {"0001", "0002"}) {
+            std::string answers = "0002" + seq + "000000000000000c" + object + "00050002" + "9b1ebf10" + "0000001c" +
+                                  object + "0400000a706f6b6564000000" + "07000004" + "0001" + seq +
+                                  "000000000000000c0100000800000000";
+            int fd = accept(listener, nullptr, nullptr);
+            char request[200];
+            for (const std::string &bytes : {unhex(hello), unhex(answers)})
+                if (::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0 ||
+                    recv(fd, request, sizeof request, 0) < 0)
+                    return 1;
+        }
+        return 0;
+    });
+    close(listener);
+    own.methods = any_method;
+    ubus_context *c = ubus_connect(odd.c_str());
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(ubus_add_object(c, &own), 0);
+    EXPECT_EQ(trail, Lines{"poked -1"});
+    EXPECT_EQ(ubus_reconnect(c, odd.c_str()), 0);
+    EXPECT_EQ(trail, (Lines{"poked -1", "poked -1"}));
+    ubus_free(c);
+}
+
+// What follows the bus by itself: connections, subscriptions, access rules.
+TEST_F(Client, FollowsByItself) {
+    ubus_auto_conn conn{};
+    std::string later = folder + "/later";
+    conn.path = later.c_str();
+    conn.cb = [](ubus_context *) { trail.emplace_back("connected"); };
+    ubus_auto_connect(&conn);
+    EXPECT_TRUE(trail.empty());
+    std::unique_ptr<Child> second = run_daemon("-s", later);
+    auto run_until = [](auto done) {
+        for (int64_t end = now_ms() + ceiling_ms; !done() && now_ms() < end;)
+            uloop_run_timeout(10);
+        return done();
+    };
+    ASSERT_TRUE(run_until([&] { return conn.ctx.sock.registered; }));
+    EXPECT_EQ(trail, Lines{"connected"});
+    ASSERT_EQ(ubus_add_object(&conn.ctx, &own), 0);
+    second->end(SIGKILL);
+    second = run_daemon("-s", later);
+    uint32_t before = own.id;
+    ASSERT_TRUE(run_until([&] { return conn.ctx.sock.registered && own.id != before && own.id; }));
+    ubus_context *other = ubus_connect(later.c_str());
+    uint32_t found = 0;
+    EXPECT_EQ(ubus_lookup_id(other, "mine", &found), 0);
+    EXPECT_EQ(found, own.id);
+    ubus_free(other);
+    ubus_auto_shutdown(&conn);
+    EXPECT_EQ(second->end(SIGTERM), 0);
+
+    // Every object that is there, and that comes, is offered.
+    ubus_subscriber subscriber{};
+    subscriber.new_obj_cb = [](ubus_context *, ubus_subscriber *, const char *offered) {
+        trail.emplace_back(offered);
+        return !strcmp(offered, "mine");
+    };
+    trail.clear();
+    ASSERT_EQ(ubus_register_subscriber(ctx, &subscriber), 0);
+    EXPECT_EQ(trail, Lines{"service"});
+    other = ubus_connect(path.c_str());
+    own = {};
+    own.name = "mine";
+    own.type = &own_type;
+    own_type.id = 0;
+    own.methods = own_methods;
+    own.n_methods = 1;
+    own.subscribe_cb = [](ubus_context *, ubus_object *obj) { note("subscribers", obj->has_subscribers); };
+    ASSERT_EQ(ubus_add_object(other, &own), 0);
+    ASSERT_TRUE(pump(2));
+    std::swap(ctx, other);
+    ASSERT_TRUE(pump(3));
+    EXPECT_EQ(trail, (Lines{"service", "mine", "subscribers 1"}));
+    std::swap(ctx, other);
+
+    // The rules for own objects; a context that is gone in between leaves nothing behind.
+    if (getuid() == 0) {
+        std::ofstream(folder + "/rules/a.json")
+            << R"({"user": "nobody", "access": {"mi*": {"methods": ["poked"], "acl": {"n": 5}}}})";
+        chmod((folder + "/rules/a.json").c_str(), 0644);
+        kill(daemon->pid(), SIGHUP);
+        EXPECT_EQ(ubus_register_acl(ctx), 0);
+        EXPECT_EQ(ubus_register_acl(other), 2) << "one follows";
+        ubus_free(ctx);
+        ctx = other;
+        other = nullptr;
+        EXPECT_EQ(ubus_register_acl(ctx), 0);
+        ubus_acl_key key = {"nobody", "nogroup", "mine"}, stranger = {"daemon", "daemon", "mine"};
+        auto rules = [](ubus_acl_key *who) {
+            int n = 0;
+            acl_object *rule;
+            acl_for_each(rule, who) n += number_in(blobmsg_data(rule->acl), blobmsg_len(rule->acl));
+            return n;
+        };
+        for (int64_t end = now_ms() + ceiling_ms; !rules(&key) && now_ms() < end && waits(1000);)
+            ubus_handle_event(ctx);
+        EXPECT_EQ(rules(&key), 5);
+        EXPECT_EQ(rules(&stranger), 0);
+        std::ofstream(folder + "/rules/a.json") << "{}";
+        kill(daemon->pid(), SIGHUP);
+        for (int64_t end = now_ms() + ceiling_ms; rules(&key) && now_ms() < end && waits(1000);)
+            ubus_handle_event(ctx);
+        EXPECT_EQ(rules(&key), 0);
+    }
+    ubus_free(other);
+    subscriber.obj.id = 0; // for use with another context
+    EXPECT_EQ(ubus_unregister_subscriber(ctx, &subscriber), 4);
+    EXPECT_EQ(ubus_register_subscriber(ctx, &subscriber), 0);
+    EXPECT_EQ(ubus_unregister_subscriber(ctx, &subscriber), 0);
+}
+
+// Two ends of a socket pair, without a daemon.
+TEST_F(Client, Channels) {
+    ubus_context near{}, far{};
+    int fd = -1;
+    auto handler = [](ubus_context *c, ubus_object *, ubus_request_data *req, const char *method, blob_attr *msg) {
+        note(method, number_in(msg));
+        return ubus_send_reply(c, req, msg);
+    };
+    ASSERT_EQ(ubus_channel_create(&near, &fd, nullptr), 0);
+    ASSERT_EQ(ubus_channel_connect(&far, fd, handler), 0);
+    ubus_request req;
+    ASSERT_EQ(ubus_invoke_async(&near, 0, "m", number(3), &req), 0);
+    req.data_cb = on_data;
+    req.complete_cb = on_complete;
+    ubus_complete_request_async(&near, &req);
+    ubus_handle_event(&far);
+    ubus_handle_event(&near);
+    EXPECT_EQ(trail, (Lines{"m 3", "data 3", "complete 0"}));
+    uint32_t id_there = 0;
+    EXPECT_EQ(ubus_lookup_id(&near, "x", &id_there), 2);
+    EXPECT_EQ(ubus_add_object(&near, &own), 2);
+    EXPECT_EQ(ubus_send_event(&near, "x", nullptr), 2);
+    EXPECT_EQ(ubus_reconnect(&near, nullptr), -1);
+    ubus_shutdown(&near);
+    ubus_shutdown(&far);
+}
+
+// Statuses of somebody who is not root, without rules.
+TEST_F(Client, AnotherUser) {
+    const passwd *nobody = getpwnam("nobody");
+    if (getuid() != 0 || !nobody || !getpwuid(nobody->pw_uid) || !getgrgid(nobody->pw_gid))
+        GTEST_SKIP() << "needs root, and a second user to become";
+    auto as = [&](uid_t uid, const std::function<void(ubus_context *)> &check) {
+        Child guest([&] {
+            if (setgroups(0, nullptr) || setgid(nobody->pw_gid) || setuid(uid))
+                return 1;
+            ubus_context *c = ubus_connect(path.c_str());
+            check(c);
+            ubus_free(c);
+            return HasFailure() ? 2 : 0;
+        });
+        EXPECT_EQ(guest.end(), 0);
+    };
+    as(54321, [](ubus_context *c) { EXPECT_EQ(c, nullptr); });
+    as(nobody->pw_uid, [&](ubus_context *c) {
+        ASSERT_NE(c, nullptr);
+        uint32_t found = 7;
+        ubus_event_handler events{};
+        ubus_subscriber subscriber{};
+        EXPECT_EQ(ubus_lookup_id(c, nullptr, &found), 0);
+        EXPECT_EQ(ubus_lookup_id(c, "service", &found), 0);
+        EXPECT_EQ(found, 7u) << "not shown";
+        EXPECT_EQ(ubus_invoke(c, id, "echo", nullptr, nullptr, nullptr, ceiling_ms), 6);
+        EXPECT_EQ(ubus_add_object(c, &own), 2);
+        EXPECT_EQ(ubus_register_event_handler(c, &events, "x"), 6);
+        EXPECT_EQ(ubus_send_event(c, "x", nullptr), 6);
+        EXPECT_EQ(ubus_register_subscriber(c, &subscriber), 0) << "anonymous";
+        EXPECT_EQ(ubus_subscribe(c, &subscriber, id), 4);
+        EXPECT_EQ(ubus_monitor_start(c), 6);
+        for (int i = 0; i < 3; i++)
+            EXPECT_EQ(ubus_register_acl(c), 6);
+    });
+}
+
 // uloop's part in connecting: what was default is handled, what was not stays; uloop_done puts back all but SIGPIPE.
 TEST_F(HostBus, Signals) {
     Child guest([&] {
@@ -444,6 +884,14 @@ TEST_F(HostBus, Signals) {
             return 1;
         if (fcntl(c->sock.fd, F_GETFD) != FD_CLOEXEC || !(fcntl(c->sock.fd, F_GETFL) & O_NONBLOCK))
             return 2;
+        ubus_free(c);
+        uloop_done();
+        if (!is(SIGCHLD, SIG_DFL))
+            return 4;
+        uloop_handle_sigchld = false;
+        c = ubus_connect(path.c_str());
+        if (!c || !is(SIGCHLD, SIG_DFL))
+            return 5;
         ubus_free(c);
         uloop_done();
         return is(SIGINT, SIG_DFL) && is(SIGCHLD, SIG_DFL) && is(SIGPIPE, SIG_IGN) ? 0 : 3;

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <grp.h>
 #include <pwd.h>
+#include <sys/resource.h>
 #include <thread>
 
 using namespace hostbus;
@@ -39,6 +40,9 @@ TEST_F(HostBus, BytesOnTheWire) {
         peer.write(unhex(bytes));
         return hex(peer.next().all);
     };
+    EXPECT_EQ(hex(owner.greeting), "00000000" + hex(u32(owner.id)) + "00000004");
+    for (uint32_t id : {owner.id, __builtin_bswap32(owner.id)})
+        EXPECT_GT(id, 1u);
     std::string added = ask(owner, "00060001000000000000004c0200000964656d6f00000000" + signature);
     std::string object = added.substr(32, 8), type = added.substr(48, 8), name = "030000082f7a1075";
     name.replace(8, 8, object);
@@ -72,6 +76,70 @@ TEST_F(HostBus, BytesOnTheWire) {
               "00010001000000010000000c0100000800000000");
     EXPECT_EQ(hex(owner.next().all), "00050001000000000000002803000008" + listener +
                                          "0400000c666f6f2e62617200070000108500000c0001610000000001");
+    owner.write(unhex("0001000100000000000000140100000800000000"
+                      "03000008" +
+                      listener)); // goes nowhere
+
+    std::string subscriber = hex(u32(caller.add()));
+    EXPECT_EQ(ask(caller, "00080009000000000000001403000008" + subscriber + "08000008" + object),
+              "00010009000000000000000c0100000800000000");
+    EXPECT_EQ(hex(owner.next().all), "000a0001"
+                                     "00000000"
+                                     "00000014" +
+                                         name + "0900000501000000");
+    std::string news = "0400000970696e6700000000", x = "070000108500000c0001780000000005";
+    owner.write(unhex("000a0003" + object + "00000030" + name + news + x + "0a00000501000000"));
+    EXPECT_EQ(hex(caller.next().all), "00050003" + hex(u32(owner.id)) + hex(u32(0x30 + unsigned(names.size()) / 2)) +
+                                          "0a0000050100000003000008" + subscriber + news + names + x);
+}
+
+TEST_F(HostBus, StartsAndEndsInOrder) {
+    struct {
+        const char *option;
+        std::string value;
+        int code;
+    } const rows[] = {{"-x", "", 1}, {"-s", folder + "/no/where", 255}, {"-s", folder + std::string(120, 'x'), 255}};
+    for (const auto &row : rows)
+        EXPECT_EQ(run_daemon(row.option, row.value)->end(), row.code) << row.option << row.value;
+    std::string other = folder + "/other";
+    for (int signal : {SIGTERM, SIGINT, SIGTERM, SIGTERM, SIGTERM}) { // as soon as there is a socket
+        auto second = run_daemon("-s", other);
+        for (int64_t end = now_ms() + ceiling_ms; !std::filesystem::exists(other) && now_ms() < end;)
+            usleep(100);
+        EXPECT_EQ(second->end(signal), 0) << signal;
+        EXPECT_FALSE(std::filesystem::exists(other));
+    }
+    // What an earlier daemon left there is in nobody's way, and everybody may connect.
+    close(listen_at(other));
+    auto second = run_daemon("-s", other);
+    int fd = -1;
+    for (int64_t end = now_ms() + ceiling_ms; (fd = connect_to(other)) < 0 && now_ms() < end;)
+        usleep(1000);
+    EXPECT_GE(fd, 0);
+    close(fd);
+    EXPECT_EQ(std::filesystem::status(other).permissions(), std::filesystem::perms(0666));
+    EXPECT_EQ(second->end(SIGTERM), 0);
+}
+
+TEST_F(HostBus, RunsOutOfDescriptors) {
+    rlimit few{30, 30};
+    ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+    Peer first(path);
+    uint32_t object = first.add("first", Body(method_ping));
+    {
+        std::vector<std::unique_ptr<Peer>> many;
+        size_t refused = 0;
+        for (int i = 0; i < 40; i++) {
+            many.push_back(std::make_unique<Peer>(path));
+            refused += many.back()->id == 0;
+        }
+        EXPECT_GT(refused, 9u) << "turned away, not left waiting";
+        EXPECT_LT(refused, 40u);
+        EXPECT_EQ(first.ask(UBUS_MSG_PING), 0);
+    }
+    Peer later(path);
+    EXPECT_EQ(later.ask(UBUS_MSG_LOOKUP), 0);
+    EXPECT_EQ(later.before.at(0).u32(UBUS_ATTR_OBJID), object);
 }
 
 TEST_F(HostBus, LooksUpByPathInOrder) {
@@ -368,6 +436,31 @@ TEST_F(HostBus, AccessByUser) {
     check(false);
     rule("good.json", 0644);
     check(true);
+
+    // By group, the main one or another.
+    std::filesystem::remove(folder + "/rules/open.json");
+    std::ofstream(folder + "/rules/good.json")
+        << R"({"group": "daemon", "access": {"o": {"methods": ["*"], "acl": {"n": 1}}}, "send": ["*"]})";
+    owner.drain();
+    kill(daemon->pid(), SIGHUP);
+    EXPECT_EQ(owner.next().text(UBUS_ATTR_METHOD), "ubus.acl.sequence");
+    owner.drain();
+    const gid_t own_group = nogroup->gr_gid, groups[] = {getgrnam("daemon")->gr_gid};
+    for (bool member : {false, true}) {
+        ASSERT_EQ(setgroups(member, groups), 0);
+        as_user(nobody->pw_uid, own_group, [&] { EXPECT_EQ(Peer(path).event("any"), member ? 0 : 6); });
+    }
+    ASSERT_EQ(setgroups(0, groups), 0);
+    as_user(nobody->pw_uid, groups[0], [&] { EXPECT_EQ(Peer(path).event("any"), 0); });
+    // The owner is told what its objects' rules say.
+    EXPECT_EQ(owner.invoke(2, "query", {}), 0);
+    Body acl, rules;
+    acl.field_string("obj", "o").field_string("group", "daemon");
+    acl.field(BLOBMSG_TYPE_TABLE, "acl", Body().field_u32("n", 1).bytes());
+    rules.field(BLOBMSG_TYPE_TABLE, "", acl.bytes());
+    std::string data = owner.before.at(0).payload(UBUS_ATTR_DATA);
+    std::string array(Body().field(BLOBMSG_TYPE_ARRAY, "acl", rules.bytes()).bytes());
+    EXPECT_EQ(hex(data.substr(data.size() - array.size())), hex(array));
 }
 
 } // namespace

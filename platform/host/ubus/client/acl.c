@@ -84,21 +84,19 @@ static void changed(struct ubus_context *ctx, struct ubus_event_handler *ev, con
 }
 
 int ubus_register_acl(struct ubus_context *ctx) {
-    if (follower && follower != ctx)
+    if (ubus_context_is_channel(ctx) || (follower && follower != ctx))
         return UBUS_STATUS_INVALID_ARGUMENT;
-    if (!follower) {
+    if (!follower)
         change_handler = (struct ubus_event_handler){.cb = changed};
-        int ret = ubus_register_event_handler(ctx, &change_handler, "ubus.acl.sequence");
-        if (ret)
-            return ret;
-        follower = ctx;
-    }
-    return ask(ctx);
+    follower = ctx; // from now on its list of objects may have the handler, whatever becomes of the registration
+    int ret = ubus_register_event_handler(ctx, &change_handler, "ubus.acl.sequence");
+    return ret ? ret : ask(ctx);
 }
 
-void hostbus_acl_shutdown(const struct ubus_context *ctx) {
+void hostbus_acl_shutdown(struct ubus_context *ctx) {
     if (ctx != follower)
         return;
     follower = NULL;
+    ubus_abort_request(ctx, &query); // it outlives the context in whose list it is
     clear();
 }

@@ -161,6 +161,7 @@ void ubus_shutdown(struct ubus_context *ctx) {
     if (!ctx)
         return;
     hostbus_acl_shutdown(ctx);
+    hostbus_auto_subscribe_end(ctx);
     leave(ctx);
     uloop_timeout_cancel(&ctx->pending_timer);
     hostbus_drop_kept(&ctx->pending);

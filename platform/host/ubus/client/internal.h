@@ -22,7 +22,7 @@ extern struct blob_buf hostbus_builder;
 struct blob_attr **hostbus_parse(struct blob_attr *body);
 
 // acl.c
-void hostbus_acl_shutdown(const struct ubus_context *ctx);
+void hostbus_acl_shutdown(struct ubus_context *ctx);
 
 // io.c
 bool hostbus_send(struct ubus_context *ctx, uint8_t type, uint16_t seq, uint32_t peer, struct blob_attr *body, int fd);
@@ -39,12 +39,12 @@ void hostbus_lost(struct ubus_context *ctx);
 // object.c
 void hostbus_object_message(struct ubus_context *ctx, const struct ubus_msghdr *hdr, struct blob_attr *body, int fd);
 void hostbus_run_pending(struct ubus_context *ctx);
+void hostbus_catch_up(struct ubus_context *ctx);
 void hostbus_add_all_again(struct ubus_context *ctx);
+void hostbus_auto_subscribe_again(struct ubus_context *ctx);
+void hostbus_auto_subscribe_end(struct ubus_context *ctx);
 bool hostbus_put_data(struct blob_attr *msg);
 
 // request.c
 void hostbus_answer(struct ubus_context *ctx, const struct ubus_msghdr *hdr, struct blob_attr *body, int fd);
 int hostbus_start(struct ubus_context *ctx, struct ubus_request *req, uint8_t type, uint32_t peer, int fd);
-
-// event.c
-void hostbus_auto_subscribe_again(struct ubus_context *ctx);

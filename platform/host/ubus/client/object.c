@@ -112,6 +112,7 @@ void hostbus_add_all_again(struct ubus_context *ctx) {
         ubus_add_object(ctx, obj);
     }
     ctx->stack_depth--;
+    hostbus_catch_up(ctx);
 }
 
 static int send_answer(struct ubus_context *ctx, const struct ubus_request_data *req, uint8_t type, int fd) {
@@ -216,6 +217,14 @@ void hostbus_run_pending(struct ubus_context *ctx) {
         hostbus_object_message(ctx, &kept->hdr, kept->body, kept->fd);
 }
 
+// After a wait: what arrived meanwhile is handled by the loop, or now.
+void hostbus_catch_up(struct ubus_context *ctx) {
+    if (ctx->sock.registered && !ctx->stack_depth && !list_empty(&ctx->pending))
+        uloop_timeout_set(&ctx->pending_timer, 1);
+    else
+        hostbus_run_pending(ctx);
+}
+
 static void auto_subscribe(struct ubus_context *ctx, struct ubus_subscriber *sub, const char *path, uint32_t id) {
     if (sub->new_obj_cb(ctx, sub, path))
         ubus_subscribe(ctx, sub, id);
@@ -253,7 +262,16 @@ void hostbus_auto_subscribe_again(struct ubus_context *ctx) {
     list_for_each_entry_safe(sub, next, &ctx->auto_subscribers, list) ubus_lookup(ctx, NULL, auto_existing, sub);
 }
 
+// Subscribers may be used again with another context.
+void hostbus_auto_subscribe_end(struct ubus_context *ctx) {
+    if (!ubus_context_is_channel(ctx) && ctx->auto_subscribers.next)
+        while (!list_empty(&ctx->auto_subscribers))
+            list_del_init(ctx->auto_subscribers.next);
+}
+
 int ubus_register_subscriber(struct ubus_context *ctx, struct ubus_subscriber *sub) {
+    if (sub->list.next && !list_empty(&sub->list))
+        list_del_init(&sub->list); // its object was lost in a reconnect
     INIT_LIST_HEAD(&sub->list);
     sub->obj.methods = &subscriber_method;
     sub->obj.n_methods = 1;

@@ -237,12 +237,7 @@ int ubus_complete_request(struct ubus_context *ctx, struct ubus_request *req, in
     ctx->cancel_poll = true;
     if (cb)
         cb(req, ret);
-    if (!ctx->stack_depth && !list_empty(&ctx->pending)) {
-        if (ctx->sock.registered)
-            uloop_timeout_set(&ctx->pending_timer, 1);
-        else
-            hostbus_run_pending(ctx);
-    }
+    hostbus_catch_up(ctx);
     return ret;
 }
 

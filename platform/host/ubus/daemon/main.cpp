@@ -33,17 +33,22 @@ void accept_clients(uloop_fd *listener, unsigned) {
     }
 }
 
-void hang_up(uloop_fd *signals, unsigned) {
+void on_signal(uloop_fd *signals, unsigned) {
     signalfd_siginfo info;
     while (read(signals->fd, &info, sizeof info) == sizeof info)
-        bus->reload_rules();
+        if (info.ssi_signo == SIGHUP)
+            bus->reload_rules();
+        else
+            uloop_end();
 }
 
 int listen_at(const char *path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (strlen(path) >= sizeof address.sun_path)
+    if (strlen(path) >= sizeof address.sun_path) {
+        errno = ENAMETOOLONG;
         return -1;
+    }
     strcpy(address.sun_path, path);
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     unlink(path);
@@ -69,13 +74,16 @@ int main(int argc, char **argv) {
             return 1;
         }
 
-    sigset_t hup;
-    sigemptyset(&hup);
-    sigaddset(&hup, SIGHUP);
-    sigprocmask(SIG_BLOCK, &hup, nullptr);
+    // All wait for the loop, which forgets what uloop's own handlers saw before it ran: from the moment that there is a
+    // socket its end is orderly.
+    sigset_t taken;
+    sigemptyset(&taken);
+    for (int signal : {SIGHUP, SIGINT, SIGTERM})
+        sigaddset(&taken, signal);
+    sigprocmask(SIG_BLOCK, &taken, nullptr);
     uloop_fd signals{}, listener{};
-    signals.cb = hang_up;
-    signals.fd = signalfd(-1, &hup, SFD_CLOEXEC | SFD_NONBLOCK);
+    signals.cb = on_signal;
+    signals.fd = signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK);
     listener.cb = accept_clients;
     listener.fd = listen_at(path);
     if (listener.fd < 0 || uloop_init() < 0) {
