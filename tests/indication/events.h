@@ -107,14 +107,12 @@ inline size_t count(const std::string &text, const std::string &part) {
     return found;
 }
 
-// Meanwhile this process can open no more than `room` descriptors.
+// Meanwhile this process gets no descriptor from `limit` on: with 3 none at all, whatever other threads close.
 class FewDescriptors {
   public:
-    explicit FewDescriptors(int room) {
+    explicit FewDescriptors(int limit) {
         getrlimit(RLIMIT_NOFILE, &before_);
-        const int next = dup(0);
-        close(next);
-        const rlimit few = {rlim_t(next + room), before_.rlim_max};
+        const rlimit few = {rlim_t(limit), before_.rlim_max};
         EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
     }
     ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }

@@ -112,7 +112,9 @@ TEST_F(RegistryTest, server_down) {
 TEST_F(RegistryTest, no_thread_to_be_had) {
     unsigned long thread = 1;
     const std::string log = logged([&] {
-        const FewDescriptors socket_only(1);
+        const int next = dup(0);
+        close(next);
+        const FewDescriptors socket_only(next + 1);
         thread = start_indication_thread();
     });
     EXPECT_EQ(thread, 0u);
