@@ -16,6 +16,8 @@ namespace tavrik {
 namespace {
 
 constexpr int kKeptContexts = 8; // 64 KiB of receive buffer each
+// Where daemons listen. libubus has one of these compiled in, and does not tell which.
+constexpr const char *kUsualPaths[] = {"/var/run/ubus/ubus.sock", "/var/run/ubus.sock"};
 
 struct {
     Mutex mutex;
@@ -97,6 +99,23 @@ int connect_greeted(const char *path, Deadline deadline) {
     return greeting[0] || greeting[1] ? -1 : fd.release(); // version 0, a greeting
 }
 
+// Waits until the daemon greets somebody, or `deadline` has passed. ubus_connect is not left to a stopped one: it would
+// wait for as long as that lasts, with the bus lock held and uloop's handlers in place of the host's dispositions.
+void await_daemon(Deadline deadline) {
+    char path[sizeof g_pool.path];
+    {
+        Lock lock(g_pool.mutex);
+        memcpy(path, g_pool.path, sizeof path);
+    }
+    if (path[0]) {
+        Fd(connect_greeted(path, deadline));
+        return;
+    }
+    for (const char *usual : kUsualPaths)
+        if (Fd(connect_greeted(usual, deadline)))
+            return;
+}
+
 // Frees what could not be freed when it fell due. The bus lock is held.
 void bury() {
     PooledContext *dead;
@@ -147,6 +166,9 @@ PooledContext *reuse_context(Deadline deadline) {
 } // namespace
 
 ubus_context *connect_context(Deadline deadline) {
+    await_daemon(deadline);
+    if (deadline.passed())
+        return nullptr;
     auto *setup = static_cast<Setup *>(calloc(1, sizeof(Setup)));
     if (!setup)
         return nullptr;
