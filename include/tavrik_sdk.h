@@ -419,16 +419,18 @@ TAVRIK_API struct ubus_context *tavrik_get_ubus_ctx(void);
  *
  * @param context  The connection, or NULL for nothing.
  *
- * Blocks while another thread is inside libubus: microseconds as a rule, 5 s when the daemon is stuck.
+ * Blocks while another thread is inside libubus: microseconds as a rule; while the daemon is stuck, until that thread's
+ * own limit.
  */
 TAVRIK_API void tavrik_free_ubus_ctx(struct ubus_context *context);
 
 /**
  * Takes the lock that guards libubus and uloop, for calls with a context of the application's own. SIGPIPE is blocked
  * in the calling thread until tavrik_ubus_unlock. The lock may be taken again by the thread that has it; each lock
- * needs its unlock. Do not wait for anything with the lock held: all requests of all threads wait meanwhile.
+ * needs its unlock. Do not wait for anything with the lock held: all requests of all threads wait meanwhile. Nor make
+ * requests by functions of the library: one that needs a new connection fails at its limit.
  *
- * Blocks while another thread is inside libubus.
+ * Blocks as tavrik_free_ubus_ctx.
  */
 TAVRIK_API void tavrik_ubus_lock(void);
 

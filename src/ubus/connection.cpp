@@ -134,7 +134,8 @@ int BusConnection::invoke(uint32_t id, const char *method, blob_attr *message, u
         ubus_complete_request_async(context, &exchange.request);
     }
     while (!exchange.done) {
-        bool cut = !readable(socket, reply_);
+        // A limit that is over is over, however soon the reply came: a negative one never sees it.
+        bool cut = reply_.passed() || !readable(socket, reply_);
         if (!cut) {
             BusHold hold(reply_);
             cut = !hold || !hold.guard(socket, Deadline::sooner(reply_, Deadline::in(kMessageMs)));

@@ -16,6 +16,8 @@ namespace tavrik {
 namespace {
 
 constexpr int kKeptContexts = 8; // 64 KiB of receive buffer each
+// Where daemons listen. libubus has one of these compiled in, and does not tell which.
+constexpr const char *kUsualPaths[] = {"/var/run/ubus/ubus.sock", "/var/run/ubus.sock"};
 
 struct {
     Mutex mutex;
@@ -45,34 +47,6 @@ void free_setup(Setup *setup) {
     free(setup);
 }
 
-void *run_setup(void *argument) {
-    auto *setup = static_cast<Setup *>(argument);
-    ubus_context *context = nullptr;
-    bool abandoned;
-    {
-        BusHold hold(setup->deadline);
-        if (hold) {
-            HostSignals keep;
-            context = ubus_connect(nullptr);
-        }
-        if (context) {
-            context->connection_lost = ignore_lost_connection;
-            fcntl(context->sock.fd, F_SETFD, FD_CLOEXEC); // older releases leave it open across exec
-        }
-        pthread_mutex_lock(&setup->mutex);
-        abandoned = setup->abandoned;
-        setup->done = true;
-        setup->context = context;
-        pthread_cond_signal(&setup->ended);
-        pthread_mutex_unlock(&setup->mutex);
-        if (abandoned && context)
-            ubus_free(context);
-    }
-    if (abandoned)
-        free_setup(setup);
-    return nullptr;
-}
-
 // Connects to where the daemon was found before and takes the greeting, all within `deadline`.
 int connect_greeted(const char *path, Deadline deadline) {
     Fd fd(connect_unix(path, deadline));
@@ -95,6 +69,53 @@ int connect_greeted(const char *path, Deadline deadline) {
             got += size_t(n);
     }
     return greeting[0] || greeting[1] ? -1 : fd.release(); // version 0, a greeting
+}
+
+// Does the daemon greet who connects, as far as anybody knows where it listens? ubus_connect is not left to a stopped
+// one: it would wait for as long as that lasts, with the bus lock held and uloop's handlers in place of the host's.
+// Asked with the lock held, because much may happen while one waits for it.
+bool daemon_greets(Deadline deadline) {
+    char path[sizeof g_pool.path];
+    {
+        Lock lock(g_pool.mutex);
+        memcpy(path, g_pool.path, sizeof path);
+    }
+    if (path[0]) {
+        Fd(connect_greeted(path, deadline));
+    } else {
+        for (const char *usual : kUsualPaths)
+            if (Fd(connect_greeted(usual, deadline)))
+                break;
+    }
+    return !deadline.passed(); // a daemon that is elsewhere or nowhere holds up nobody
+}
+
+void *run_setup(void *argument) {
+    auto *setup = static_cast<Setup *>(argument);
+    ubus_context *context = nullptr;
+    bool abandoned;
+    {
+        BusHold hold(setup->deadline);
+        if (hold && daemon_greets(setup->deadline)) {
+            HostSignals keep;
+            context = ubus_connect(nullptr);
+        }
+        if (context) {
+            context->connection_lost = ignore_lost_connection;
+            fcntl(context->sock.fd, F_SETFD, FD_CLOEXEC); // older releases leave it open across exec
+        }
+        pthread_mutex_lock(&setup->mutex);
+        abandoned = setup->abandoned;
+        setup->done = true;
+        setup->context = context;
+        pthread_cond_signal(&setup->ended);
+        pthread_mutex_unlock(&setup->mutex);
+        if (abandoned && context)
+            ubus_free(context);
+    }
+    if (abandoned)
+        free_setup(setup);
+    return nullptr;
 }
 
 // Frees what could not be freed when it fell due. The bus lock is held.

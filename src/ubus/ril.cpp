@@ -41,13 +41,20 @@ int tavrik_ubus_invoke(uint32_t request, Tavrik_UbusDataCb callback, void *priv,
     return status ? -1 : 0;
 }
 
+// Where a call's reply goes.
+struct KeptReply {
+    blob_attr **holder;
+    bool no_memory;
+};
+
 // Keeps the newest reply for the caller, who frees it.
 static void copy_reply(ubus_request *request, int, blob_attr *message) {
-    auto *holder = static_cast<blob_attr **>(request->priv);
-    if (!holder)
+    auto *kept = static_cast<KeptReply *>(request->priv);
+    if (!kept->holder)
         return;
-    free(*holder);
-    *holder = message ? blob_memdup(message) : nullptr;
+    free(*kept->holder);
+    *kept->holder = message ? blob_memdup(message) : nullptr;
+    kept->no_memory = message && !*kept->holder;
 }
 
 int tavrik_call_ubusinvoke(blob_buf *message, const char *object, const char *method, int keep_reply,
@@ -68,7 +75,10 @@ int tavrik_call_ubusinvoke(blob_buf *message, const char *object, const char *me
     if (status) {
         TAVRIK_LOG_ERROR("ubus_lookup_id fail %s!", StatusText(status).c_str());
     } else {
-        status = bus.invoke(id, method, message ? message->head : nullptr, keep_reply ? copy_reply : nullptr, reply);
+        KeptReply kept = {reply, false};
+        status = bus.invoke(id, method, message ? message->head : nullptr, keep_reply ? copy_reply : nullptr, &kept);
+        if (!status && kept.no_memory)
+            status = UBUS_STATUS_NO_MEMORY;
         if (status)
             TAVRIK_LOG_ERROR("ubus_invoke config_dspgain failed %s", StatusText(status).c_str());
     }

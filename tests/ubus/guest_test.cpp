@@ -101,6 +101,32 @@ TEST(Guest, DiesBySigint) {
     }
 }
 
+TEST(Guest, DISABLED_FirstCallIntoAStoppedDaemon) {
+    if (answered(7, 300))
+        return;
+    tavrik_ubus_lock(); // nobody is left behind inside libubus
+    tavrik_ubus_unlock();
+    raise(SIGINT);
+}
+
+// Until the daemon goes on the process is as it was: its own signals end it.
+TEST(Guest, SignalsWhileTheDaemonIsStopped) {
+    const int daemon = sim::call("state")["pids"]["bus"];
+    ASSERT_GT(daemon, 1);
+    kill(daemon, SIGSTOP);
+    const pid_t pid = start_case("Guest.DISABLED_FirstCallIntoAStoppedDaemon");
+    const auto start = std::chrono::steady_clock::now();
+    int status = 0, waited = 0;
+    while ((waited = waitpid(pid, &status, WNOHANG)) == 0 && seconds_since(start) < 30)
+        usleep(3000);
+    kill(daemon, SIGCONT);
+    if (!waited) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+    }
+    EXPECT_TRUE(waited == pid && WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << "status " << status;
+}
+
 TEST(Guest, BesideSystem) {
     const Dispositions before;
     const int rounds = kLong ? 10000 : 300;

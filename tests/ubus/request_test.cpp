@@ -92,6 +92,24 @@ TEST_F(Request, OutcomesAndTheirLines) {
     }
 }
 
+TEST_F(Request, NegativeLimitSeesNoReply) {
+    Tavrik_Switch_Log_Mode(1);
+    std::atomic<bool> done{false};
+    std::vector<std::thread> busy; // so that now and then the reply is there before the caller looks for it
+    for (int i = 0; i < 4; i++)
+        busy.emplace_back([&] {
+            while (!done) {
+            }
+        });
+    int right = 0;
+    for (int i = 0; i < 100; i++)
+        right += answered(7, -1);
+    done = true;
+    for (std::thread &thread : busy)
+        thread.join();
+    EXPECT_EQ(right, 0);
+}
+
 TEST_F(Request, WithoutTheService) {
     Seen seen;
     sim::call("fault", {{"service", "ril"}, {"stop", true}});
