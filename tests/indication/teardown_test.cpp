@@ -238,6 +238,62 @@ TEST_F(Teardown, with_the_loop_thread) {
     }
 }
 
+// A callback registered meanwhile is none of those that a deregistration waits for, however long it takes.
+Event *g_next_inside, *g_deregistered;
+
+TEST_F(Teardown, does_not_wait_for_the_next_registration) {
+    add_all();
+    Event inside, next_inside, deregistered;
+    g_next_inside = &next_inside;
+    g_deregistered = &deregistered;
+    g_inside = [&](const std::string &event) {
+        if (event != "nw 1 1f 0 0")
+            return;
+        inside.set();
+        next_inside.wait();
+    };
+    server.answer("+CREG: 1\r\n");
+    inside.wait();
+    std::thread next([&] {
+        static std::atomic<bool> ran;
+        for (ran = false; !ran; usleep(100)) { // ignored, and the old one called, while that has its place
+            tavrik_indication_register(TAVRIK_IND_NETWORK,
+                                       reinterpret_cast<Tavrik_IndicationCb>(+[](const Tavrik_NwEvent *) {
+                                           ran = true;
+                                           g_next_inside->set();
+                                           g_deregistered->wait();
+                                       }));
+            on_at_indication_report("+CREG: 2");
+        }
+    });
+    int64_t took = 0;
+    const std::string log = logged([&] { took = duration(tavrik_indication_nwderegister); });
+    deregistered.set();
+    next.join();
+    EXPECT_LT(took, 1500);
+    EXPECT_EQ(count(log, "left behind"), 0u) << log;
+}
+
+// A callback that reports a line itself, and hangs in that: its thread is left behind as a whole.
+TEST_F(Teardown, left_behind_inside_another) {
+    add_all();
+    Event inside, release;
+    g_inside = [&](const std::string &event) {
+        if (event[0] == 'n') {
+            on_at_indication_report("+CPIN: READY");
+        } else if (event[0] == 's') {
+            inside.set();
+            release.wait();
+        }
+    };
+    server.answer("+CREG: 1\r\n+CLCC: 1,0,0,0,0\r\n");
+    inside.wait();
+    EXPECT_EQ(tavrik_indication_uimderegister(), 0);
+    EXPECT_EQ(events("call 1: 1 1 3 "), Texts{"call 1: 1 1 3 "});
+    release.set();
+    EXPECT_EQ(events("nw 1 1f 0 0").size(), 2u);
+}
+
 // Everything is removed while a registration still waits for the server: no thread is left over.
 TEST_F(Teardown, while_connecting) {
     FakeAtServer busy(0, kPath);
