@@ -24,16 +24,24 @@ void make_condition() {
     pthread_condattr_destroy(&monotonic);
 }
 
-// A child after fork has none of the threads, unless it was forked in a callback: that thread then ends behind it.
+// A child after fork has none of the threads, unless it was forked in a callback: that thread then ends behind it. The
+// connections are the parent's: with a second owner the server would not see the parent close them.
 void after_fork() {
     g_registry.starting = Mutex();
     g_registry.mutex = Mutex();
     make_condition();
     g_registry.runs = nullptr;
     g_registry.waits = nullptr;
+    if (g_registry.reader && !g_registry.reader->adopted)
+        free_reader(g_registry.reader);
     g_registry.reader = nullptr;
-    for (Reader *reader = g_registry.readers; reader; reader = reader->next)
-        reader->stop = true;
+    while (Reader *reader = g_registry.readers) {
+        g_registry.readers = reader->next;
+        if (pthread_equal(reader->thread, pthread_self()))
+            abandon(reader);
+        else
+            free_reader(reader);
+    }
 }
 
 void set_up() {

@@ -86,6 +86,9 @@ bool start_indication_thread(unsigned generation, pthread_t *thread);
 // Locked: takes the running reader away and stops it; NULL without one. The caller ends it with end_reader().
 Reader *take_reader();
 void end_reader(Reader *reader);
+// Locked: a stopped reader that its thread frees, and nobody waits for.
+void abandon(Reader *reader);
+void free_reader(Reader *reader);
 // Locked, with the running reader's thread inside a callback: leaves that thread to itself; a new one goes on with its
 // connection behind the line it is at. False without a new one.
 bool replace_reader();

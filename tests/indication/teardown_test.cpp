@@ -7,7 +7,13 @@ extern "C" {
 
 #include <atomic>
 #include <future>
+#include <sys/wait.h>
 #include <thread>
+
+// For the thread sanitizer: a child starts a thread here.
+extern "C" const char *__tsan_default_options() {
+    return "die_after_fork=0";
+}
 
 using namespace ind;
 using namespace std::chrono_literals;
@@ -310,6 +316,51 @@ TEST_F(Teardown, while_connecting) {
     other.join();
     at_socket_deinit(first);
     EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_NONE);
+}
+
+// A child of the process has no indication thread and no part in its parent's connection, and can begin anew.
+TEST_F(Teardown, in_a_child) {
+    for (const bool in_callback : {false, true}) {
+        add_all();
+        int hold[2];
+        ASSERT_EQ(pipe(hold), 0);
+        pid_t child = -1;
+        const auto fork_child = [&] {
+            child = fork();
+            if (child)
+                return;
+            close(hold[1]);
+            bool good = Tavrik_Indication_State() == TAVRIK_INDICATION_NONE && tavrik_indication_deregister() == 0;
+            char byte;
+            good &= read(hold[0], &byte, 1) == 1; // the parent has done its part
+            good &= add(TAVRIK_IND_SIM) == 0 && Tavrik_Indication_State() == TAVRIK_INDICATION_CONNECTED;
+            good &= tavrik_indication_uimderegister() == 0;
+            good &= Tavrik_Indication_State() == TAVRIK_INDICATION_NONE;
+            _exit(good ? 0 : 1);
+        };
+        g_inside = [&](const std::string &event) {
+            if (event[0] == 's')
+                fork_child();
+        };
+        if (in_callback)
+            server.answer("+CPIN: READY\r\n");
+        else
+            fork_child();
+        server.answer("+CREG: 1\r\n");
+        events("nw 1 1f 0 0");
+        close(hold[0]);
+        tavrik_indication_deregister();
+        pollfd end = {server.client(), POLLIN, 0};
+        char byte;
+        EXPECT_EQ(poll(&end, 1, 20000), 1);
+        EXPECT_EQ(recv(server.client(), &byte, 1, MSG_DONTWAIT), 0);
+        EXPECT_EQ(write(hold[1], "", 1), 1);
+        close(hold[1]);
+        int status;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+        ASSERT_TRUE(server.accept_client()); // the child's
+    }
 }
 
 TEST_F(Teardown, starts_again) {
