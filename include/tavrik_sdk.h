@@ -1055,7 +1055,7 @@ enum { TAVRIK_NW_GSM = 2, TAVRIK_NW_WCDMA = 3, TAVRIK_NW_LTE = 4 };
 typedef struct Tavrik_Signal {
     int16_t rxlev; /**< +CESQ field 0: 0..63, dBm + 111; with WCDMA field 2, the RSCP: 0..96, dBm + 121 */
     int16_t rsrp;  /**< +CESQ field 5: 0..97, dBm + 141 */
-    uint8_t rsrq;  /**< +CESQ field 4: 0..34, (dB + 19.5) * 2 */
+    uint8_t rsrq;  /**< +CESQ field 4: 0..34, (dB + 20) * 2 */
     int16_t sinr;  /**< +CPSI field 13, of the modem's own scale */
     int16_t cqi;   /**< *ZCQI field 0: 0..15, 3GPP TS 36.213 clause 7.2.3 */
 } Tavrik_Signal;

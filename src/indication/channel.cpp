@@ -16,14 +16,6 @@ namespace {
 
 constexpr char kServerPath[] = "/tmp/atcmdsdkind";
 
-void free_reader(Reader *reader) {
-    if (reader->socket >= 0)
-        close(reader->socket);
-    if (reader->wake >= 0)
-        close(reader->wake);
-    free(reader);
-}
-
 // Locked: makes the running reader for a connection, which is the reader's from then on. `before` is the one that had
 // it, if any. False, with the connection closed, when the thread cannot be had.
 bool make_reader(int socket, const Reader *before) {
@@ -150,6 +142,14 @@ bool tavrik::start_indication_thread(unsigned generation, pthread_t *thread) {
     return false;
 }
 
+void tavrik::free_reader(Reader *reader) {
+    if (reader->socket >= 0)
+        close(reader->socket);
+    if (reader->wake >= 0)
+        close(reader->wake);
+    free(reader);
+}
+
 Reader *tavrik::take_reader() {
     Reader *reader = g_registry.reader;
     g_registry.reader = nullptr;
@@ -161,16 +161,23 @@ Reader *tavrik::take_reader() {
     return reader;
 }
 
+void tavrik::abandon(Reader *reader) {
+    reader->stop = true;
+    reader->detached = true;
+    const int socket = reader->socket;
+    reader->socket = -1; // first: a child forked in between must not close somebody else's
+    if (socket >= 0)
+        close(socket);
+}
+
 void tavrik::end_reader(Reader *reader) {
     if (!reader)
         return;
     {
         RegistryLock lock;
         if (inside_callback(reader)) { // the caller's own, or one that nobody waits for any more
-            reader->detached = true;
             pthread_detach(reader->thread);
-            close(reader->socket);
-            reader->socket = -1;
+            abandon(reader);
             return;
         }
     }

@@ -24,16 +24,24 @@ void make_condition() {
     pthread_condattr_destroy(&monotonic);
 }
 
-// A child after fork has none of the threads, unless it was forked in a callback: that thread then ends behind it.
+// A child after fork has none of the threads, unless it was forked in a callback: that thread then ends behind it. The
+// connections are the parent's: with a second owner the server would not see the parent close them.
 void after_fork() {
     g_registry.starting = Mutex();
     g_registry.mutex = Mutex();
     make_condition();
     g_registry.runs = nullptr;
     g_registry.waits = nullptr;
+    if (g_registry.reader && !g_registry.reader->adopted)
+        free_reader(g_registry.reader);
     g_registry.reader = nullptr;
-    for (Reader *reader = g_registry.readers; reader; reader = reader->next)
-        reader->stop = true;
+    while (Reader *reader = g_registry.readers) {
+        g_registry.readers = reader->next;
+        if (pthread_equal(reader->thread, pthread_self()))
+            abandon(reader);
+        else
+            free_reader(reader);
+    }
 }
 
 void set_up() {
@@ -42,7 +50,7 @@ void set_up() {
 }
 
 bool concerns(const Run &run, const Wait &wait) {
-    return wait.slots >> run.slot & 1 && !run.left_behind && run.excused != &wait;
+    return wait.slots >> run.slot & 1 && run.number <= wait.newest && !run.left_behind && run.excused != &wait;
 }
 
 // Is `thread` inside something that `wait` waits for?
@@ -74,6 +82,13 @@ Reader *own_reader() {
     return reader;
 }
 
+// With all that the thread is inside: a callback may have reported a line itself.
+void leave_behind(const Run &hanging) {
+    for (Run *run = g_registry.runs; run; run = run->next)
+        if (pthread_equal(run->thread, hanging.thread))
+            run->left_behind = true;
+}
+
 // Callbacks of indication threads come one at a time, also when a thread that was stopped inside one has a successor.
 bool predecessor_runs(const Reader *reader) {
     for (const Run *run = g_registry.runs; run; run = run->next)
@@ -90,7 +105,7 @@ void tavrik::set_up_registry() {
 }
 
 bool tavrik::deliver(Slot slot, int event, void *record) {
-    Run run = {slot, nullptr, pthread_self(), false, nullptr, nullptr};
+    Run run = {slot, 0, nullptr, pthread_self(), false, nullptr, nullptr};
     Tavrik_IndicationHandler handler;
     {
         RegistryLock lock;
@@ -100,6 +115,7 @@ bool tavrik::deliver(Slot slot, int event, void *record) {
         handler = g_registry.handlers[slot];
         if (!handler || (reader && reader->stop))
             return false;
+        run.number = ++g_registry.newest;
         push(g_registry.runs, run);
     }
     handler(event, record);
@@ -134,9 +150,9 @@ void tavrik::leave(Wait &wait) {
     remove(g_registry.waits, wait);
 }
 
-void tavrik::wait_for_callbacks(unsigned slots, Site site) {
+void tavrik::wait_for_callbacks(unsigned slots, uint64_t newest, Site site) {
     // So that the loop thread and one that waits for its end do not wait for each other.
-    Run loop = {kLoopThread, nullptr, pthread_self(), false, nullptr, nullptr};
+    Run loop = {kLoopThread, 0, nullptr, pthread_self(), false, nullptr, nullptr};
     const bool on_loop = on_loop_thread();
     int left_behind = 0;
     bool served = true;
@@ -144,7 +160,7 @@ void tavrik::wait_for_callbacks(unsigned slots, Site site) {
         RegistryLock lock;
         if (on_loop)
             push(g_registry.runs, loop);
-        Wait wait = {slots};
+        Wait wait = {slots, newest, {}, nullptr};
         enter(wait);
         const timespec until = Deadline::in(kPatienceMs).as_timespec();
         bool patient = true;
@@ -153,7 +169,7 @@ void tavrik::wait_for_callbacks(unsigned slots, Site site) {
                 patient = pthread_cond_timedwait(&g_registry.changed, g_registry.mutex.native(), &until) != ETIMEDOUT;
                 continue;
             }
-            run->left_behind = true;
+            leave_behind(*run);
             ++left_behind;
             pthread_cond_broadcast(&g_registry.changed);
             if (run->reader && run->reader == g_registry.reader)

@@ -106,7 +106,7 @@ Reader *clear_all() {
 
 // The end of uloop, for which this thread waits: a callback on the loop thread must not wait for this one meanwhile.
 void end_loop() {
-    Wait wait = {1u << kLoopThread};
+    Wait wait = {1u << kLoopThread, 0, {}, nullptr};
     {
         RegistryLock lock;
         enter(wait);
@@ -119,8 +119,10 @@ void end_loop() {
 int deregister(unsigned slots, int registrations, Site site = Site::here()) {
     Reader *reader = nullptr;
     int count;
+    uint64_t newest;
     {
         RegistryLock lock;
+        newest = g_registry.newest;
         count = g_registry.count -= registrations;
         if (!count)
             reader = clear_all();
@@ -131,7 +133,7 @@ int deregister(unsigned slots, int registrations, Site site = Site::here()) {
     log(Level::info, site, "indication_register_number:%d", count);
     if (!count)
         end_loop();
-    wait_for_callbacks(count ? slots : kAllSlots, site);
+    wait_for_callbacks(count ? slots : kAllSlots, newest, site);
     end_reader(reader);
     tavrik_ubus_thread_deinit();
     return 0;
@@ -169,11 +171,13 @@ int tavrik_indication_register(int category, Tavrik_IndicationCb callback) {
 
 int tavrik_indication_deregister(void) {
     Reader *reader;
+    uint64_t newest;
     {
         RegistryLock lock;
+        newest = g_registry.newest;
         reader = clear_all();
     }
-    wait_for_callbacks(kAllSlots, Site::here());
+    wait_for_callbacks(kAllSlots, newest, Site::here());
     end_reader(reader);
     return 0;
 }

@@ -39,12 +39,14 @@ struct Reader {
 
 struct Wait {
     unsigned slots;
+    uint64_t newest; // a run that began later is none of its: it can only be the callback of a later registration
     pthread_t thread;
     Wait *next;
 };
 
 struct Run {
     int slot;
+    uint64_t number; // counts up from 1; 0 for the loop thread's
     Reader *reader; // of the thread, if it is an indication thread
     pthread_t thread;
     bool left_behind;
@@ -64,6 +66,7 @@ struct Registry {
     Reader *reader;      // the running one
     Reader *readers;     // with those that were stopped inside a callback
     Run *runs;
+    uint64_t newest; // number of the run that began last
     Wait *waits;
 };
 
@@ -83,6 +86,9 @@ bool start_indication_thread(unsigned generation, pthread_t *thread);
 // Locked: takes the running reader away and stops it; NULL without one. The caller ends it with end_reader().
 Reader *take_reader();
 void end_reader(Reader *reader);
+// Locked: a stopped reader that its thread frees, and nobody waits for.
+void abandon(Reader *reader);
+void free_reader(Reader *reader);
 // Locked, with the running reader's thread inside a callback: leaves that thread to itself; a new one goes on with its
 // connection behind the line it is at. False without a new one.
 bool replace_reader();
@@ -108,8 +114,9 @@ void remove(Node *&list, Node &node) {
 // Locked: publishes that the thread waits for these slots. Two threads that wait for each other's callback do not.
 void enter(Wait &wait);
 void leave(Wait &wait);
-// Waits until no callback of these slots runs on any other thread; one that takes too long is left behind.
-void wait_for_callbacks(unsigned slots, Site site);
+// Waits until no callback of these slots, up to the run `newest`, runs on any other thread; one that takes too long is
+// left behind.
+void wait_for_callbacks(unsigned slots, uint64_t newest, Site site);
 // Locked: is the reader's thread inside a callback?
 bool inside_callback(const Reader *reader);
 

@@ -7,7 +7,13 @@ extern "C" {
 
 #include <atomic>
 #include <future>
+#include <sys/wait.h>
 #include <thread>
+
+// For the thread sanitizer: a child starts a thread here.
+extern "C" const char *__tsan_default_options() {
+    return "die_after_fork=0";
+}
 
 using namespace ind;
 using namespace std::chrono_literals;
@@ -238,6 +244,62 @@ TEST_F(Teardown, with_the_loop_thread) {
     }
 }
 
+// A callback registered meanwhile is none of those that a deregistration waits for, however long it takes.
+Event *g_next_inside, *g_deregistered;
+
+TEST_F(Teardown, does_not_wait_for_the_next_registration) {
+    add_all();
+    Event inside, next_inside, deregistered;
+    g_next_inside = &next_inside;
+    g_deregistered = &deregistered;
+    g_inside = [&](const std::string &event) {
+        if (event != "nw 1 1f 0 0")
+            return;
+        inside.set();
+        next_inside.wait();
+    };
+    server.answer("+CREG: 1\r\n");
+    inside.wait();
+    std::thread next([&] {
+        static std::atomic<bool> ran;
+        for (ran = false; !ran; usleep(100)) { // ignored, and the old one called, while that has its place
+            tavrik_indication_register(TAVRIK_IND_NETWORK,
+                                       reinterpret_cast<Tavrik_IndicationCb>(+[](const Tavrik_NwEvent *) {
+                                           ran = true;
+                                           g_next_inside->set();
+                                           g_deregistered->wait();
+                                       }));
+            on_at_indication_report("+CREG: 2");
+        }
+    });
+    int64_t took = 0;
+    const std::string log = logged([&] { took = duration(tavrik_indication_nwderegister); });
+    deregistered.set();
+    next.join();
+    EXPECT_LT(took, 1500);
+    EXPECT_EQ(count(log, "left behind"), 0u) << log;
+}
+
+// A callback that reports a line itself, and hangs in that: its thread is left behind as a whole.
+TEST_F(Teardown, left_behind_inside_another) {
+    add_all();
+    Event inside, release;
+    g_inside = [&](const std::string &event) {
+        if (event[0] == 'n') {
+            on_at_indication_report("+CPIN: READY");
+        } else if (event[0] == 's') {
+            inside.set();
+            release.wait();
+        }
+    };
+    server.answer("+CREG: 1\r\n+CLCC: 1,0,0,0,0\r\n");
+    inside.wait();
+    EXPECT_EQ(tavrik_indication_uimderegister(), 0);
+    EXPECT_EQ(events("call 1: 1 1 3 "), Texts{"call 1: 1 1 3 "});
+    release.set();
+    EXPECT_EQ(events("nw 1 1f 0 0").size(), 2u);
+}
+
 // Everything is removed while a registration still waits for the server: no thread is left over.
 TEST_F(Teardown, while_connecting) {
     FakeAtServer busy(0, kPath);
@@ -254,6 +316,51 @@ TEST_F(Teardown, while_connecting) {
     other.join();
     at_socket_deinit(first);
     EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_NONE);
+}
+
+// A child of the process has no indication thread and no part in its parent's connection, and can begin anew.
+TEST_F(Teardown, in_a_child) {
+    for (const bool in_callback : {false, true}) {
+        add_all();
+        int hold[2];
+        ASSERT_EQ(pipe(hold), 0);
+        pid_t child = -1;
+        const auto fork_child = [&] {
+            child = fork();
+            if (child)
+                return;
+            close(hold[1]);
+            bool good = Tavrik_Indication_State() == TAVRIK_INDICATION_NONE && tavrik_indication_deregister() == 0;
+            char byte;
+            good &= read(hold[0], &byte, 1) == 1; // the parent has done its part
+            good &= add(TAVRIK_IND_SIM) == 0 && Tavrik_Indication_State() == TAVRIK_INDICATION_CONNECTED;
+            good &= tavrik_indication_uimderegister() == 0;
+            good &= Tavrik_Indication_State() == TAVRIK_INDICATION_NONE;
+            _exit(good ? 0 : 1);
+        };
+        g_inside = [&](const std::string &event) {
+            if (event[0] == 's')
+                fork_child();
+        };
+        if (in_callback)
+            server.answer("+CPIN: READY\r\n");
+        else
+            fork_child();
+        server.answer("+CREG: 1\r\n");
+        events("nw 1 1f 0 0");
+        close(hold[0]);
+        tavrik_indication_deregister();
+        pollfd end = {server.client(), POLLIN, 0};
+        char byte;
+        EXPECT_EQ(poll(&end, 1, 20000), 1);
+        EXPECT_EQ(recv(server.client(), &byte, 1, MSG_DONTWAIT), 0);
+        EXPECT_EQ(write(hold[1], "", 1), 1);
+        close(hold[1]);
+        int status;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+        ASSERT_TRUE(server.accept_client()); // the child's
+    }
 }
 
 TEST_F(Teardown, starts_again) {
