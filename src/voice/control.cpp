@@ -1,4 +1,4 @@
-// Dialling, answering, ending, tones, and the application's callback for call events.
+// Dialling, answering, ending, tones, and why a call ended.
 #include "core/at_command.h"
 #include "core/log.h"
 #include "tavrik_sdk.h"
@@ -25,31 +25,6 @@ bool can_dial(const char *number) {
 }
 
 } // namespace
-
-int Tavrik_VoiceCall_Init(Tavrik_CallCb callback) {
-    if (!callback) {
-        TAVRIK_LOG_ERROR("Paramter input error");
-        return -1;
-    }
-    if (Tavrik_AT_Init()) {
-        TAVRIK_LOG_ERROR("at init faild");
-        return -1;
-    }
-    if (tavrik_indication_register(TAVRIK_IND_VOICE, reinterpret_cast<Tavrik_IndicationCb>(callback))) {
-        TAVRIK_LOG_ERROR("voice call indication register failed");
-        return -1;
-    }
-    if (tavrik_ubus_init()) {
-        TAVRIK_LOG_ERROR("ubus init failed!");
-        return -1;
-    }
-    return 0;
-}
-
-void Tavrik_VoiceCall_Deinit(void) {
-    if (tavrik_indication_voicecallderegister())
-        TAVRIK_LOG_ERROR("VoiceCall indication deregister failed");
-}
 
 int Tavrik_VoiceCall_Start(const char *number, int *call_id) {
     if (!can_dial(number) || !call_id) {
