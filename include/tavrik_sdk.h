@@ -1385,7 +1385,7 @@ TAVRIK_API int Tavrik_VoiceCall_Start(const char *number, int *call_id);
 /**
  * Answers an incoming call (request 40). The request names no call: with a second one the modem chooses.
  *
- * Standard: 3GPP TS 27.007 clause 6.1.
+ * Standard: ITU-T V.250 clause 6.3.5 (what ATA does).
  *
  * @param call_id 1 or more: of a call in state TAVRIK_CALL_INCOMING.
  * @return 0 when the request has reached the radio interface layer, whatever comes of it: the event of the call tells;

@@ -50,7 +50,7 @@ int start_test(const Tavrik_EcallReq &request, Site site = Site::here()) {
     constexpr int kAskMs = 3000;
     char setting[64];
     const int got = run_shell_for_first_line(kAsk, setting, sizeof setting, kAskMs);
-    if (got < 0) { // no emergency system works in a process that cannot start a program
+    if (got < 0) { // promised: a process that cannot start a program does not go on
         const SigpipeBlocked blocked;
         perror("popen");
         exit(1);

@@ -155,7 +155,7 @@ TEST_F(Ecall, DoesNotHangOnTheProgram) {
     EXPECT_EQ(sim::sent(), (Wire{msd, ask, only + ",+4989", "AT+CECALL=0"}));
 }
 
-// The child's handlers and its status stay the program's.
+// Where SIGCHLD is ignored nobody learns how a command ended.
 TEST_F(Ecall, RunsTheProgramInAnyHost) {
     signal(SIGCHLD, SIG_IGN);
     EXPECT_EQ(sim::log_of([] { EXPECT_EQ(test(), "0"); }), line("3:01ABFF") + line("Model: 0"));
