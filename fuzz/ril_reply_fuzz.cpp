@@ -18,6 +18,7 @@ void handle(const std::string &body) {
     get_imei_request_cb(nullptr, 0, message);
     dms_get_op_mode_cb(nullptr, 0, message);
     dms_set_op_mode_cb(nullptr, 0, message);
+    call_info_cb(nullptr, 0, message);
     uint32_t id;
     const void *data;
     size_t length;
@@ -56,7 +57,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     else if (how & 0x40)
         round_trip(how, input.rest());
     else
-        handle_reply(kIds[how & 3], how & 4 ? int(how) : 0, input.rest());
+        handle_reply(how & 8 ? 9 : kIds[how & 3], how & 4 ? int(how) : 0, input.rest());
     handle_reply(38, 0, "");
     get_imei_request_cb(nullptr, 0, nullptr);
     return 0;

@@ -16,7 +16,8 @@
  * holds no lock while it runs one.
  *
  * The process. The library is a guest: it leaves signal dispositions as they are, raises no SIGPIPE, waits for no child
- * that it did not start, opens every descriptor close-on-exec, and never ends the process.
+ * that it did not start, opens every descriptor close-on-exec, and never ends the process, with the one exception that
+ * Tavrik_Ecall_Start() names.
  *
  * Names. Define TAVRIK_NO_SHORT_NAMES before the inclusion to leave out the functions whose names do not begin with
  * "tavrik" (`strlwr`, `at_tok_start`, ...), when the program has functions of these names itself. The library is bound
@@ -1321,6 +1322,318 @@ typedef struct Tavrik_CallList {
     Tavrik_Call calls[TAVRIK_CALLS_MAX];
     uint8_t reserved[20]; /**< 0 */
 } Tavrik_CallList;
+
+/**
+ * Opens the AT channel and registers the callback for calls.
+ *
+ * @param callback as of TAVRIK_IND_VOICE; it runs on the indication thread.
+ * @return 0; -1 when `callback` is NULL, the AT server cannot be reached, or as tavrik_ubus_init().
+ *
+ * Blocks: as Tavrik_AT_Init(), tavrik_indication_register() and tavrik_ubus_init(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_VoiceCall_Init(Tavrik_CallCb callback);
+
+/**
+ * Removes the callback for calls, as tavrik_indication_voicecallderegister(). The AT channel stays open.
+ *
+ * Blocks: as tavrik_indication_voicecallderegister(). In a callback: yes.
+ */
+TAVRIK_API void Tavrik_VoiceCall_Deinit(void);
+
+/** Size of a buffer that holds the text of each cause. */
+#define TAVRIK_FAIL_CAUSE_SIZE 41
+/** The longest number that can be dialled, in characters. */
+#define TAVRIK_DIAL_MAX 507
+
+/**
+ * Lists the current calls (ubus object "ril", method "ril_request", request 9).
+ *
+ * Standard: 3GPP TS 27.007 clause 7.18.
+ *
+ * @param[out] calls unchanged on failure. Of more than TAVRIK_CALLS_MAX calls the first ones, with an error in the log.
+ *                   A call in a state that is not known has state 0.
+ * @return 0, also without any call; -1 when `calls` is NULL, the request fails, or the reply is unusable.
+ *
+ * Blocks: 30 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_VoiceCall_GetAllInfo(Tavrik_CallList *calls);
+
+/**
+ * Tells the state of one call (request 9, as Tavrik_VoiceCall_GetAllInfo()).
+ *
+ * @param call_id    1 or more.
+ * @param[out] state TAVRIK_CALL_DIALLING and so on, 0 when it is not known; unchanged on failure.
+ * @return 0; -1 for a refused argument, when the calls cannot be read, and without such a call.
+ *
+ * Blocks: 30 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_VoiceCall_GetState(int call_id, int *state);
+
+/**
+ * Dials (ATD), when there is no call yet. The call's further way is told by events.
+ *
+ * Standard: 3GPP TS 27.007 clause 6.2.
+ *
+ * @param number       as the modem takes it, at most TAVRIK_DIAL_MAX characters, without line ends.
+ * @param[out] call_id 1, the id of a first call; unchanged on failure.
+ * @return 0 when the modem has taken the number; -1 for a refused argument (nothing is sent), when the calls cannot be
+ *         read, while there is a call, and when the command fails.
+ *
+ * Blocks: 30 s, and as Tavrik_AT_Send() with 3 s. In a callback: yes. Before it: Tavrik_VoiceCall_Init() or
+ * Tavrik_AT_Init().
+ */
+TAVRIK_API int Tavrik_VoiceCall_Start(const char *number, int *call_id);
+
+/**
+ * Answers an incoming call (request 40). The request names no call: with a second one the modem chooses.
+ *
+ * Standard: ITU-T V.250 clause 6.3.5 (what ATA does).
+ *
+ * @param call_id 1 or more: of a call in state TAVRIK_CALL_INCOMING.
+ * @return 0 when the request has reached the radio interface layer, whatever comes of it: the event of the call tells;
+ *         -1 for a refused argument, when the calls cannot be read, without such a call, and when the request fails.
+ *
+ * Blocks: 35 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_VoiceCall_Answer(int call_id);
+
+/**
+ * Ends all calls (AT+CHLD=19), whichever is named.
+ *
+ * Standard: 3GPP TS 27.007 clause 7.13.
+ *
+ * @param call_id 1 or more: of a call in any state but TAVRIK_CALL_ENDED.
+ * @return 0; -1 for a refused argument, when the calls cannot be read, without such a call, and when the command fails.
+ *
+ * Blocks: 30 s, and as Tavrik_AT_Send() with 3 s. In a callback: yes. Before it: as Tavrik_VoiceCall_Start().
+ */
+TAVRIK_API int Tavrik_VoiceCall_End(int call_id);
+
+/**
+ * Sends one tone to the other side (request 24).
+ *
+ * Standard: 3GPP TS 27.007 clause C.2.11, TS 23.014.
+ *
+ * @param tone one of "0123456789*#ABCD".
+ * @return 0 when the radio interface layer has taken the request; -1 when the calls cannot be read, without any call,
+ *         for any other character (request 24 is not sent then), and when the request fails.
+ *
+ * Blocks: 40 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_SendDtmf(char tone);
+
+/**
+ * Tells why the last call failed or ended (request 18).
+ *
+ * Standard: 3GPP TS 24.008 clause 10.5.4.11 and annex H; above 127 the modem's own.
+ *
+ * @param[out] cause the number, whatever it is.
+ * @param[out] text  of TAVRIK_FAIL_CAUSE_SIZE bytes, or NULL: number and text, as "17 User busy"; "127 Interworking:
+ *                   unspecified" for a number without a text of its own. Both are unchanged on failure.
+ * @return 0; -1 when `cause` is NULL, the request fails, or the reply is unusable.
+ *
+ * Blocks: 10 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_GetCallFailCause(unsigned *cause, char *text);
+
+/**
+ * Placeholders for holding and joining calls: they do nothing.
+ *
+ * @return 0.
+ *
+ * Blocks: never. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_VoiceCall_Hold(void);
+TAVRIK_API int Tavrik_VoiceCall_MultiProcess(void);
+
+#ifndef TAVRIK_NO_SHORT_NAMES
+
+/**
+ * Asks for the current calls (request 9), logs what is wrong with the reply, and hands nothing out: each operation
+ * above keeps what it reads for itself.
+ *
+ * @return 0; -1 when the request fails or the reply is unusable.
+ *
+ * Blocks: 30 s. In a callback: yes.
+ */
+TAVRIK_API int get_call_info_msg(void);
+
+/**
+ * Reply handler of request 9, for requests of the application's own: checks a reply and logs what is wrong with it.
+ *
+ * @param request not looked at, NULL allowed.
+ * @param type    not looked at.
+ * @param message the reply; NULL is logged as a reply that cannot be parsed.
+ *
+ * Blocks: never, but for the log. In a callback: it is one.
+ */
+TAVRIK_API void call_info_cb(struct ubus_request *request, int type, struct blob_attr *message);
+
+/**
+ * Logs when a call's state, as the radio interface layer counts it, is not known.
+ *
+ * @param index     of the call in a list, 0 to 10; any other is logged too.
+ * @param ril_state 0 to 8 are known.
+ *
+ * Blocks: never, but for the log. In a callback: yes.
+ */
+TAVRIK_API void get_call_state(int index, int ril_state);
+
+#endif
+
+/* ---- eCall --------------------------------------------------------------------------------------------------- */
+
+/* Emergency calls from a vehicle (3GPP TS 26.267, TS 22.101 clause 10.7; EN 15722, EN 16062). The modem holds the call,
+ * its timers and the data; the library keeps no state of an eCall. */
+
+#define TAVRIK_ECALL_MSD_MAX 140
+#define TAVRIK_ECALL_NUMBER_SIZE 32
+
+/** What kind of call: any other value than this is an emergency call. */
+enum { TAVRIK_ECALL_TEST = 1 };
+
+/** An eCall to make. 184 bytes. */
+typedef struct Tavrik_EcallReq {
+    int32_t msd_len;                            /**< bytes of `msd`, 0 to TAVRIK_ECALL_MSD_MAX */
+    uint8_t msd[TAVRIK_ECALL_MSD_MAX];          /**< minimum set of data, as EN 15722 encodes it */
+    int32_t call_type;                          /**< TAVRIK_ECALL_TEST, or anything else for an emergency call */
+    int32_t auto_trigger;                       /**< of an emergency call: 0 started by hand, else automatically */
+    char test_number[TAVRIK_ECALL_NUMBER_SIZE]; /**< a test call dials it */
+} Tavrik_EcallReq;
+
+/**
+ * eCall settings of the modem, in its own units. 92 bytes. Each is a pair: a value, which counts only when the flag in
+ * front of it is exactly 1.
+ */
+typedef struct Tavrik_EcallConfig {
+    uint8_t ecallonly_valid;
+    uint8_t ecallonly; /**< 1 eCall only, any other value not (AT*ECALLONLY) */
+    uint8_t mode_valid;
+    uint32_t mode; /**< 1 ERA-GLONASS, any other value EU (AT*ECALLMODE) */
+    uint8_t t2_valid;
+    uint32_t t2; /**< T2, end of the call at the latest (AT*ECALLTIMER=cleardown) */
+    uint8_t t5_valid;
+    uint16_t t5; /**< T5, wait for the request of the data (AT*ECALLDATA=5,1) */
+    uint8_t t6_valid;
+    uint16_t t6; /**< T6, wait for the application's acknowledgement (AT*ECALLDATA=5,2) */
+    uint8_t t7_valid;
+    uint16_t t7; /**< T7, transmission of the data (AT*ECALLDATA=5,3) */
+    uint8_t t9_valid;
+    uint32_t t9; /**< T9, in which the centre may call back (AT*ECALLTIMER=callback) */
+    uint8_t t10_valid;
+    uint32_t t10; /**< T10, after which the module leaves the network (AT*ECALLTIMER=dereg) */
+    uint8_t dial_valid;
+    uint32_t dial; /**< setting up of the call (AT*ECALLTIMER=dial) */
+    uint8_t redialcnt_valid;
+    uint32_t redialcnt; /**< how often it is dialled again (AT*ECALLTIMER=redialcnt) */
+    uint8_t smsmsdcnt_valid;
+    uint32_t smsmsdcnt;  /**< how often the data are sent again by SMS (AT*ECALLTIMER=smsmsdcnt) */
+    uint8_t reserved[8]; /**< not read */
+    uint8_t redialtmr_valid;
+    uint16_t redialtmr; /**< time between two dialings (AT*ECALLTIMER=redialtmr) */
+    uint8_t sms_valid;
+    uint16_t sms; /**< time between two messages (AT*ECALLTIMER=sms) */
+    uint8_t smsnum_valid;
+    uint32_t smsnum; /**< number that gets the data by SMS (AT*ECALLSMSNUM) */
+} Tavrik_EcallConfig;
+
+/**
+ * Prepares for eCall events: opens the AT channel (Tavrik_AT_Init()), registers the callback, and initialises uloop
+ * (tavrik_ubus_init()). The first callback stays until Tavrik_Ecall_Deinit(). The operations below need the AT channel
+ * alone.
+ *
+ * @param callback gets each event on the indication thread.
+ * @return 0; -1 when `callback` is NULL, and with the first step that fails; what was done before it stays.
+ *
+ * Blocks: as the three steps, 9 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Ecall_Init(Tavrik_EcallCb callback);
+
+/**
+ * Takes the callback for eCall events back, as tavrik_indication_ecallderegister(). The AT channel stays open.
+ *
+ * Blocks: as tavrik_indication_ecallderegister(). In a callback: yes.
+ */
+TAVRIK_API void Tavrik_Ecall_Deinit(void);
+
+/**
+ * Hands the modem the data (AT*ECALLMSD) and starts an eCall: by hand (AT+CECALL=2), automatically (AT+CECALL=3), or a
+ * test call (AT*ECALLONLY with the present setting and the test number, then AT+CECALL=0). The present setting comes
+ * from the module's program "serial_atcmd"; when that tells nothing within 3 s the field stays empty. The data are
+ * logged at level error.
+ *
+ * **A test call ends the process** with exit status 1 when no shell can be started for that program.
+ *
+ * Standard: 3GPP TS 27.007 clause 6.27; EN 16062.
+ *
+ * @param request `test_number` as the modem takes it; a zero byte may be missing at its full length.
+ * @return 0 when the modem has taken the commands, the call's further way is told by events; -1 when `request` is NULL
+ *         or its `msd_len` out of range (nothing is sent), and with the first command that fails.
+ *
+ * Blocks: twice as Tavrik_AT_Send() with 3 s; a test call three times and 3 s. In a callback: yes. Before it:
+ * Tavrik_Ecall_Init() or Tavrik_AT_Init().
+ */
+TAVRIK_API int Tavrik_Ecall_Start(const Tavrik_EcallReq *request);
+
+/**
+ * Ends the eCall (AT+CECALL=5).
+ *
+ * @return 0; -1 when the command fails.
+ *
+ * Blocks: as Tavrik_AT_Send() with 3 s. In a callback: yes. Before it: as Tavrik_Ecall_Start().
+ */
+TAVRIK_API int Tavrik_Ecall_End(void);
+
+/**
+ * Hands the modem other data (AT*ECALLMSD).
+ *
+ * @param request its first two members are read.
+ * @return 0; -1 when `request` is NULL or its `msd_len` out of range (nothing is sent), and when the command fails.
+ *
+ * Blocks: as Tavrik_AT_Send() with 3 s. In a callback: yes. Before it: as Tavrik_Ecall_Start().
+ */
+TAVRIK_API int Tavrik_Ecall_UpdateMSD(const Tavrik_EcallReq *request);
+
+/**
+ * Has the modem send the data (again) during the call (AT*ECALLPUSH).
+ *
+ * @return 0; -1 when the command fails.
+ *
+ * Blocks: as Tavrik_AT_Send() with 3 s. In a callback: yes. Before it: as Tavrik_Ecall_Start().
+ */
+TAVRIK_API int Tavrik_Ecall_PushMSD(void);
+
+/**
+ * Take the module out of the network, and into it again, as eCall-only operation wants it (AT*ECALLREG=0,
+ * AT*ECALLREG=1).
+ *
+ * @return 0; -1 when the command fails.
+ *
+ * Blocks: as Tavrik_AT_Send() with 3 s. In a callback: yes. Before it: as Tavrik_Ecall_Start().
+ */
+TAVRIK_API int Tavrik_Ecall_DeregisterNetwork(void);
+TAVRIK_API int Tavrik_Ecall_RegisterNetwork(void);
+
+/**
+ * Makes eCall settings of the modem, one command each, in this order: ecallonly, mode, t2, t5, t6, t7, t9, t10,
+ * redialcnt, smsmsdcnt, redialtmr, sms, dial, smsnum. One that fails is logged, and the next one made all the same.
+ *
+ * @param config the settings; those whose flag is not 1 are left alone.
+ *
+ * Blocks: as Tavrik_AT_Send() with 3 s for each setting. In a callback: yes. Before it: as Tavrik_Ecall_Start().
+ */
+TAVRIK_API void Tavrik_Ecall_Set_Config_Info(Tavrik_EcallConfig config);
+
+/**
+ * Tells why the last call failed or ended (request 18), as Tavrik_GetCallFailCause() does, save for what it returns.
+ *
+ * @param[out] cause the number. **Preset it**: an unusable reply leaves it alone, and the result is 0 all the same.
+ * @param[out] text  of TAVRIK_FAIL_CAUSE_SIZE bytes, or NULL; unchanged when `cause` is.
+ * @return 0 when there was a reply; -1 when `cause` is NULL or the request fails.
+ *
+ * Blocks: 10 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_GetEcallFailCause(int *cause, char *text);
 
 /* ---- Data calls ---------------------------------------------------------------------------------------------- */
 

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "module.h"
+#include "places.h"
 #include "programs.h"
 #include "sandbox.h"
 
@@ -145,7 +146,7 @@ class Keeper {
         module.scenario = options_.scenario;
         module.without = options_.without;
         module.control_path = state_.control_path();
-        module.at_path = "/tmp/atcmdsdk";
+        module.at_path = at_server_path;
         module.atind_path = "/tmp/atcmdsdkind";
         module.bus_path = "/var/run/ubus/ubus.sock";
         module.bus_daemon = daemon;

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "call.h"
+#include "serial.h"
 #include "supervisor.h"
 
 namespace {
@@ -28,6 +29,9 @@ int main(int argc, char **argv) {
     int own = 1;
     while (own < argc && strcmp(argv[own], "--") != 0)
         own++;
+
+    if (argc == 3 && strcmp(argv[1], "serial_atcmd") == 0) // for the script of that name inside
+        return serial_atcmd(argv[2]);
 
     CLI::App app("tavrik-sim: runs a program inside a simulated module");
     app.set_version_flag("--version", "tavrik-sim " TAVRIK_VERSION);

@@ -15,7 +15,7 @@ const std::vector<Place> &places() {
         {"/run/dbus", Make::absent},
         {"/run/initctl", Make::absent},
         // Nor may sockets of something that runs on the host stand for the module's.
-        {"/tmp/atcmdsdk", Make::absent},
+        {at_server_path, Make::absent},
         {"/tmp/atcmdsdkind", Make::absent},
         // The bus has moved over the years and libubus has its path compiled in: both usual ones lead to it.
         {"/var/run/ubus", Make::folder},
@@ -39,6 +39,8 @@ const std::vector<Place> &places() {
              "' call --print \"/services/power/${1##*/}\" state ;;\n"
              "esac\n"
              "exec /bin/cat \"$@\"\n"},
+        {std::filesystem::path(sandbox_programs) / "serial_atcmd", Make::program,
+         "exec '" + own_program().string() + "' serial_atcmd \"$*\"\n"},
     };
     return list;
 }

@@ -22,6 +22,8 @@ struct Place {
     std::string text = {};
 };
 
+inline constexpr char at_server_path[] = "/tmp/atcmdsdk";
+
 // The FIFO to which stand-ins write their command line.
 inline constexpr char programs_fifo[] = "/run/tavrik-sim/program";
 

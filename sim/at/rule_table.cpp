@@ -99,6 +99,7 @@ struct RuleTable::Rule {
     Template command;
     std::vector<std::pair<std::string, std::string>> when;
     std::vector<std::pair<std::string, Template>> set;
+    std::vector<std::pair<std::string, Template>> act;
     std::vector<Template> lines;
     std::optional<Template> final;
     std::optional<Template> reply; // in place of lines and final
@@ -166,7 +167,7 @@ void RuleTable::add(const json &rules) {
             place = number;
             check_kind(rules[i].is_object(), "an object");
             place = number + ".command";
-            Rule rule{Template(string_in(rules[i].value("command", json()))), {}, {}, {}, Template("OK"), {}, {}};
+            Rule rule{Template(string_in(rules[i].value("command", json()))), {}, {}, {}, {}, Template("OK"), {}, {}};
             auto template_in = [&](const json &value) {
                 Template text(string_in(value));
                 check_places(text, rule.command);
@@ -183,6 +184,13 @@ void RuleTable::add(const json &rules) {
                             rule.when.emplace_back(field, text_of(content));
                         else
                             rule.set.emplace_back(field, template_in(text_of(content)));
+                    }
+                } else if (key == "act") {
+                    check_kind(value.is_object(), "an object");
+                    for (auto &[action, argument] : value.items()) {
+                        if (!Modem::knows(action))
+                            throw std::invalid_argument("unknown action \"" + action + "\"");
+                        rule.act.emplace_back(action, template_in(text_of(argument)));
                     }
                 } else if (key == "lines") {
                     check_kind(value.is_array(), "an array");
@@ -238,6 +246,11 @@ RuleTable::Reply RuleTable::answer(std::string_view command, Modem &modem) const
             }
             modem.report(before);
         }
+        bool acted = true;
+        for (auto &[action, argument] : rule.act)
+            acted = acted && modem.act(action, fill(argument, captures, modem));
+        if (!acted)
+            break;
         Reply reply;
         if (rule.reply) {
             reply.text = fill(*rule.reply, captures, modem);

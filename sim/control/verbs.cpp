@@ -102,6 +102,29 @@ Action parse_advance(Context &context, const json &object) {
     };
 }
 
+Action parse_call(Context &context, const json &object) {
+    Args args(object);
+    std::string number = args.text("number").value_or("");
+    args.finish();
+    return [&context, number](const Done &done) {
+        if (!context.modem.act("ring", number))
+            throw std::invalid_argument("the modem cannot be called");
+        succeed(done);
+    };
+}
+
+Action parse_hangup(Context &context, const json &object) {
+    Args args(object);
+    std::optional<int64_t> id = args.number("call", INT32_MIN, INT32_MAX);
+    const int64_t cause = args.number("cause", INT32_MIN, INT32_MAX).value_or(16);
+    args.finish();
+    return [&context, id, cause](const Done &done) {
+        if (!context.modem.act("drop", std::to_string(cause) + (id ? "," + std::to_string(*id) : "")))
+            throw std::invalid_argument("there is no such call");
+        succeed(done);
+    };
+}
+
 Action parse_record(Context &context, const json &object) {
     Args args(object);
     Record::Filter filter = Record::Filter::from(args);
@@ -227,9 +250,10 @@ const struct {
     const char *name;
     Action (*parse)(Context &context, const json &args);
 } verbs[] = {
-    {"advance", parse_advance}, {"clear", parse_clear},   {"context", parse_context}, {"fault", parse_fault},
-    {"line", parse_line},       {"record", parse_record}, {"reset", parse_reset},     {"rules", parse_rules},
-    {"state", parse_state},     {"verbs", parse_verbs},   {"wait", parse_wait},
+    {"advance", parse_advance}, {"call", parse_call},     {"clear", parse_clear},   {"context", parse_context},
+    {"fault", parse_fault},     {"hangup", parse_hangup}, {"line", parse_line},     {"record", parse_record},
+    {"reset", parse_reset},     {"rules", parse_rules},   {"state", parse_state},   {"verbs", parse_verbs},
+    {"wait", parse_wait},
 };
 
 } // namespace

@@ -16,7 +16,8 @@ namespace {
 
 struct Field {
     std::string_view name;
-    std::variant<std::string ModemState::*, int32_t ModemState::*, bool ModemState::*> member;
+    std::variant<std::string ModemState::*, int32_t ModemState::*, bool ModemState::*, std::vector<Call> ModemState::*>
+        member;
     int32_t min = INT_MIN; // of a number
     int32_t max = INT_MAX; // of a number; the length of a text
 };
@@ -70,6 +71,30 @@ const Field fields[] = {
     {"reject_causes", &ModemState::reject_causes},
     {"powerind", &ModemState::powerind, 0, 31},
     {"contexts", &ModemState::contexts},
+    {"calls", &ModemState::calls},
+    {"alert_ms", &ModemState::alert_ms},
+    {"answer_ms", &ModemState::answer_ms},
+    {"fail_cause", &ModemState::fail_cause},
+    {"dtmf", &ModemState::dtmf},
+    {"ecall", &ModemState::ecall},
+    {"ecall_start_ms", &ModemState::ecall_start_ms},
+    {"ecall_ack_ms", &ModemState::ecall_ack_ms},
+    {"ecall_msd", &ModemState::ecall_msd},
+    {"ecall_only", &ModemState::ecall_only, 0, 1},
+    {"ecall_number", &ModemState::ecall_number},
+    {"ecall_mode", &ModemState::ecall_mode},
+    {"ecall_t2", &ModemState::ecall_t2},
+    {"ecall_t5", &ModemState::ecall_t5},
+    {"ecall_t6", &ModemState::ecall_t6},
+    {"ecall_t7", &ModemState::ecall_t7},
+    {"ecall_t9", &ModemState::ecall_t9},
+    {"ecall_t10", &ModemState::ecall_t10},
+    {"ecall_dial", &ModemState::ecall_dial},
+    {"ecall_redialcnt", &ModemState::ecall_redialcnt},
+    {"ecall_redialtmr", &ModemState::ecall_redialtmr},
+    {"ecall_smsmsdcnt", &ModemState::ecall_smsmsdcnt},
+    {"ecall_sms", &ModemState::ecall_sms},
+    {"ecall_smsnum", &ModemState::ecall_smsnum},
 };
 
 const Field *find(std::string_view name) {
@@ -81,6 +106,17 @@ const Field *find(std::string_view name) {
 
 [[noreturn]] void refuse(const Field &field, const std::string &why) {
     throw std::invalid_argument("field \"" + std::string(field.name) + "\" " + why);
+}
+
+json json_of(const std::vector<Call> &calls) {
+    json all = json::array();
+    for (const Call &call : calls)
+        all.push_back({{"id", call.id}, {"state", call.state}, {"incoming", call.incoming}, {"number", call.number}});
+    return all;
+}
+template <class Value>
+json json_of(const Value &value) {
+    return value;
 }
 
 struct Store {
@@ -107,6 +143,30 @@ struct Store {
             refuse(field, "is true or false");
         state.*member = value.get<bool>();
     }
+    // Members that are left out are as a new call has them.
+    void operator()(std::vector<Call> ModemState::*member) const {
+        if (!value.is_array())
+            refuse(field, "is an array of calls");
+        std::vector<Call> calls;
+        for (const json &one : value) {
+            Call call;
+            if (!one.is_object())
+                refuse(field, "holds objects");
+            for (auto &[key, part] : one.items())
+                if (key == "id" && part.is_number_integer())
+                    call.id = part.get<int32_t>();
+                else if (key == "state" && part.is_number_integer())
+                    call.state = part.get<int32_t>();
+                else if (key == "incoming" && part.is_boolean())
+                    call.incoming = part.get<bool>();
+                else if (key == "number" && part.is_string())
+                    call.number = part.get<std::string>();
+                else
+                    refuse(field, "has no \"" + key + "\" like this");
+            calls.push_back(std::move(call));
+        }
+        state.*member = std::move(calls);
+    }
 };
 
 } // namespace
@@ -122,7 +182,7 @@ bool Modem::shows(std::string_view name) {
 json Modem::get() const {
     json all = json::object();
     for (const Field &field : fields)
-        std::visit([&](auto member) { all[std::string(field.name)] = state_.*member; }, field.member);
+        std::visit([&](auto member) { all[std::string(field.name)] = json_of(state_.*member); }, field.member);
     return all;
 }
 
@@ -136,6 +196,8 @@ std::string Modem::text(std::string_view name) const {
         return state_.**text;
     if (auto *number = std::get_if<int32_t ModemState::*>(&field->member))
         return std::to_string(state_.**number);
+    if (auto *calls = std::get_if<std::vector<Call> ModemState::*>(&field->member))
+        return std::to_string((state_.**calls).size());
     return state_.*std::get<bool ModemState::*>(field->member) ? "1" : "0";
 }
 

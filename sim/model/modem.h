@@ -5,8 +5,17 @@
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tavrik::sim {
+
+struct Call {
+    int32_t id = 1;
+    int32_t state = 0; // as +CLCC and the radio interface layer count it
+    bool incoming = false;
+    std::string number;
+    uint64_t serial = 0; // of one that has come about by itself: ids are used again
+};
 
 // Everything that a modem knows. A new one is as it leaves the factory.
 struct ModemState {
@@ -48,6 +57,26 @@ struct ModemState {
     int32_t powerind = 0;
 
     std::string contexts; // the packet data contexts that are up, "1,5,…"
+    // Calls. What the other side does comes so many ms later, or never with a negative number.
+    std::vector<Call> calls;
+    uint64_t last_serial = 0;
+    int32_t alert_ms = 1000, answer_ms = 3000;
+    int32_t fail_cause = 0; // of the last one
+    std::string dtmf;       // tones sent
+
+    // eCall: where it is, as *ECALLDATA tells it, and the centre's side of it.
+    int32_t ecall = 0;
+    uint64_t ecall_serial = 0; // of its call
+    uint64_t ecall_step = 0;   // changes with each turn it takes, so that timers of the one before are void
+    int32_t ecall_start_ms = 1000, ecall_ack_ms = 2000;
+    std::string ecall_msd;
+    int32_t ecall_only = 0;
+    std::string ecall_number; // of a test call
+    std::string ecall_mode = "EU";
+    // As they were set; the timers that act are seconds here.
+    std::string ecall_t2 = "3600", ecall_t5 = "5", ecall_t6 = "5", ecall_t7 = "20", ecall_t9 = "3600",
+                ecall_t10 = "43200", ecall_dial = "60", ecall_redialcnt = "10", ecall_redialtmr = "30",
+                ecall_smsmsdcnt = "10", ecall_sms = "30", ecall_smsnum = "112";
 };
 
 // The modem behind all services: its state, read and changed by field name, and the lines that it sends unasked. It
@@ -66,16 +95,23 @@ class Modem {
     nlohmann::json get() const;
     // A field or view as an AT reply shows it.
     std::string text(std::string_view name) const;
-    // Sets the given fields, all or none, and reports what changed. Throws std::invalid_argument for an unknown field or a bad value.
+    // Sets the given fields, all or none, and reports what changed. Throws std::invalid_argument for an unknown field
+    // or a bad value.
     void set(const nlohmann::json &fields);
     // One field from the text that an AT command carried; report() is the caller's.
     void set_text(std::string_view field, const std::string &text);
     // As new, with the given fields; nothing is reported.
     void reset();
     void reset(const nlohmann::json &fields);
+    // What commands do beyond setting fields (model/actions.cpp); false when the modem cannot, and then nothing
+    // changes.
+    static bool knows(std::string_view action);
+    bool act(std::string_view action, const std::string &argument = "");
     // Sends the lines that report how the modem differs from what it was before.
     void report(const ModemState &before) const;
 
+    // Has something happen later, on the modem's clock. Without one it never happens.
+    std::function<void(int64_t ms, std::function<void()>)> plan;
     // Who hears the unsolicited lines, given without their line ends.
     UnsolicitedLine on_unsolicited;
     void unsolicited(std::string_view line) const {

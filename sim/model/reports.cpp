@@ -55,8 +55,12 @@ std::string sim_failure(const ModemState &state) {
     return "+CME ERROR: " + std::to_string(number);
 }
 
+const char *type_of(const std::string &number) {
+    return number.rfind('+', 0) == 0 ? "145" : "129";
+}
+
 std::string number_type(const ModemState &state) {
-    return state.number.rfind('+', 0) == 0 ? "145" : "129";
+    return type_of(state.number);
 }
 
 bool on_air(const ModemState &state) {
@@ -119,13 +123,35 @@ std::string reject_lines(const ModemState &state) {
     return lines;
 }
 
+std::string clcc(const Call &call) {
+    return "+CLCC: " + std::to_string(call.id) + (call.incoming ? ",1," : ",0,") + std::to_string(call.state) +
+           ",0,0,\"" + call.number + "\"," + type_of(call.number);
+}
+
+std::string clcc_lines(const ModemState &state) {
+    std::string lines;
+    for (const Call &call : state.calls)
+        lines += (lines.empty() ? "" : "\r\n") + clcc(call);
+    return lines;
+}
+
+std::string ecall_line(const ModemState &state) {
+    static const char *const texts[] = {"",           "dialling", "connected",  "sending MSD", "MSD acknowledged",
+                                        "T5 expired", "",         "T7 expired", "T2 expired"};
+    std::string line = std::to_string(state.ecall);
+    if (state.ecall > 0 && state.ecall < 9 && *texts[state.ecall])
+        line += ",\"" + std::string(texts[state.ecall]) + "\"";
+    return line;
+}
+
 const struct {
     const char *name;
     View view;
 } views[] = {
-    {"area_hex", area_hex}, {"card_error", card_error},   {"cereg_now", cereg_now},     {"cgreg_now", cgreg_now},
-    {"cpin", cpin},         {"creg_now", creg_now},       {"number_type", number_type}, {"reject_lines", reject_lines},
-    {"service", service},   {"sim_failure", sim_failure},
+    {"area_hex", area_hex},         {"card_error", card_error},   {"cereg_now", cereg_now},
+    {"cgreg_now", cgreg_now},       {"clcc_lines", clcc_lines},   {"cpin", cpin},
+    {"creg_now", creg_now},         {"number_type", number_type}, {"service", service},
+    {"reject_lines", reject_lines}, {"sim_failure", sim_failure},
 };
 
 std::string presence(const ModemState &state) {
@@ -210,6 +236,21 @@ std::vector<std::string> reports(const ModemState &old, const ModemState &after)
     for (const std::string &context : are_up)
         if (!were_up.count(context))
             lines.push_back("+ZCONSTAT: 1," + context);
+
+    auto has = [](const ModemState &state, const Call &call, bool as_it_is) {
+        for (const Call &other : state.calls)
+            if (other.id == call.id && (!as_it_is || clcc(other) == clcc(call)))
+                return true;
+        return false;
+    };
+    for (const Call &call : after.calls)
+        if (!has(before, call, true))
+            lines.push_back(clcc(call));
+    if (after.ecall) // when it is over, the end of its call tells that
+        tell(ecall_line, "*ECALLDATA: ");
+    for (const Call &call : before.calls)
+        if (!has(after, call, false))
+            lines.push_back("+CALLDISCONNECT: " + std::to_string(call.id) + "," + std::to_string(after.fail_cause));
     return lines;
 }
 

@@ -22,7 +22,9 @@ namespace tavrik::sim {
 
 // What the parts of the module process share.
 struct Context {
-    Context(const ModuleOptions &o, Clock::Source time) : options(o), clock(std::move(time)) {}
+    Context(const ModuleOptions &o, Clock::Source time) : options(o), clock(std::move(time)) {
+        modem.plan = [this](int64_t ms, std::function<void()> action) { clock.after(ms, std::move(action)); };
+    }
 
     const ModuleOptions &options;
     Clock clock;

@@ -67,16 +67,39 @@ RilReply get_ps_state(Modem &modem, std::string_view) {
     return {ril_success, int32_bytes(modem.state().attached)};
 }
 
+RilReply get_calls(Modem &modem, std::string_view) {
+    const std::vector<Call> &calls = modem.state().calls;
+    if (calls.empty())
+        return {};
+    std::string data = int32_bytes(static_cast<uint32_t>(calls.size()));
+    for (const Call &call : calls) {
+        for (int32_t number : {call.state, call.id, int32_t(call.incoming)})
+            data += int32_bytes(static_cast<uint32_t>(number));
+        std::string number = call.number;
+        number.resize(sizeof RilCall::number);
+        data += number;
+    }
+    return {ril_success, data};
+}
+
+RilReply get_fail_cause(Modem &modem, std::string_view) {
+    return {ril_success, int32_bytes(static_cast<uint32_t>(modem.state().fail_cause))};
+}
+
+RilReply send_tone(Modem &modem, std::string_view payload) {
+    return {payload.size() == 4 && modem.act("tone", {payload[0]}) ? ril_success : ril_generic_failure, {}};
+}
+
+RilReply answer_call(Modem &modem, std::string_view) {
+    return {modem.act("answer") ? ril_success : ril_generic_failure, {}};
+}
+
 const struct {
     uint32_t id;
     RilReply (*serve)(Modem &modem, std::string_view payload);
 } ril_requests[] = {
-    {1, get_sim_status},
-    {11, get_imsi},
-    {38, get_imei},
-    {521, get_ps_state},
-    {537, get_mode},
-    {538, set_mode},
+    {1, get_sim_status}, {9, get_calls},    {11, get_imsi},      {18, get_fail_cause}, {24, send_tone},
+    {38, get_imei},      {40, answer_call}, {521, get_ps_state}, {537, get_mode},      {538, set_mode},
 };
 
 // A request without a row is carried back to its sender: its number is its answer.

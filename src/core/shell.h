@@ -11,4 +11,9 @@ int run_shell(const char *command);
 // longer than the buffer counts as several. 0, or -1 when the command could not be started.
 int run_shell_for_line(const char *command, char *buffer, int size);
 
+// The same for the first line, cut to `size` - 1 characters and without its line end. After `limit_ms` the command,
+// with all that it has started, is killed and counts as one that printed nothing. 1 with a line, 0 without, -1 with
+// errno set.
+int run_shell_for_first_line(const char *command, char *buffer, int size, int limit_ms);
+
 } // namespace tavrik

@@ -8,17 +8,22 @@
 
 using namespace tavrik;
 
-bool tavrik::usable(const RilReply &reply, uint32_t request, Site site) {
+bool tavrik::answered(const RilReply &reply, uint32_t request, Site site) {
     if (!reply.parsed)
         log(Level::error, site, "Call back Parse response failed");
-    else if (!reply.data || reply.length < 1)
-        log(Level::error, site, "no response data");
     else if (request != kAnyRequest && reply.id != request)
         log(Level::error, site, "The response not for the request");
     else if (reply.error)
         log(Level::error, site, "response error %d", reply.error);
     else
         return true;
+    return false;
+}
+
+bool tavrik::usable(const RilReply &reply, uint32_t request, Site site) {
+    if (!reply.parsed || (reply.data && reply.length >= 1))
+        return answered(reply, request, site);
+    log(Level::error, site, "no response data");
     return false;
 }
 
@@ -57,8 +62,8 @@ static void copy_reply(ubus_request *request, int, blob_attr *message) {
     kept->no_memory = message && !*kept->holder;
 }
 
-int tavrik_call_ubusinvoke(blob_buf *message, const char *object, const char *method, int keep_reply,
-                           blob_attr **reply, int timeout_ms) {
+int tavrik_call_ubusinvoke(blob_buf *message, const char *object, const char *method, int keep_reply, blob_attr **reply,
+                           int timeout_ms) {
     if (keep_reply && reply)
         *reply = nullptr;
     if (!object || !method) {

@@ -56,5 +56,7 @@ constexpr uint32_t kAnyRequest = 0;
 
 // Is it a reply to `request`, without error and with data? Logs for the caller why not.
 bool usable(const RilReply &reply, uint32_t request, Site site = Site::here());
+// The same whatever its data, for requests whose reply may have none.
+bool answered(const RilReply &reply, uint32_t request, Site site = Site::here());
 
 } // namespace tavrik

@@ -2,6 +2,7 @@
 #include "core/log.h"
 #include "indication/parsers.h"
 #include "tavrik_sdk.h"
+#include "voice/state.h"
 
 #include <stddef.h>
 #include <string.h>
@@ -16,13 +17,6 @@ using namespace tavrik;
 namespace {
 
 constexpr int kVoiceCallEvent = 1;
-
-// By <stat> of +CLCC; the last two are the module's own.
-constexpr int kStates[] = {
-    TAVRIK_CALL_ACTIVE,  TAVRIK_CALL_HELD,    TAVRIK_CALL_DIALLING, TAVRIK_CALL_ALERTING, TAVRIK_CALL_INCOMING,
-    TAVRIK_CALL_WAITING, TAVRIK_CALL_STATE_6, TAVRIK_CALL_STATE_7,  TAVRIK_CALL_ENDED,
-};
-constexpr int kStateCount = sizeof kStates / sizeof *kStates;
 
 void report(const Tavrik_Call &call) {
     Tavrik_CallList calls = {};
@@ -48,7 +42,7 @@ int tavrik::on_voice_call_info_changed(char *line) {
     int direction = 0, state = 0, mode;
     if (at_tok_nextint(&cursor, &call.call_id) ||
         (!ended && (at_tok_nextint(&cursor, &direction) || direction < 0 || direction > 1 ||
-                    at_tok_nextint(&cursor, &state) || state < 0 || state >= kStateCount))) {
+                    at_tok_nextint(&cursor, &state) || !call_state(state, &call.state)))) {
         TAVRIK_LOG_ERROR("get h_vcall failed");
         return -1;
     }
@@ -62,7 +56,6 @@ int tavrik::on_voice_call_info_changed(char *line) {
         return 0;
     }
     call.direction = direction + 1;
-    call.state = kStates[state];
     if (at_tok_nextint(&cursor, &mode)) {
         TAVRIK_LOG_ERROR("get mode failed");
         return -1;

@@ -26,9 +26,17 @@ TEST(Modem, SetsAllFieldsOrNone) {
     Modem modem;
     const json before = modem.get();
     const json bad[] = {
-        {{"imei", "1"}, {"imie", "2"}}, {{"imei", "1"}, {"mode", 2147483648}}, {{"imei", "1"}, {"mode", 1.0}},
-        {{"imei", "1"}, {"mode", "0"}}, {{"imei", "1"}, {"model", 7}},         {{"imei", "1"}, {"echo", 1}},
+        {{"imei", "1"}, {"imie", "2"}},
+        {{"imei", "1"}, {"mode", 2147483648}},
+        {{"imei", "1"}, {"mode", 1.0}},
+        {{"imei", "1"}, {"mode", "0"}},
+        {{"imei", "1"}, {"model", 7}},
+        {{"imei", "1"}, {"echo", 1}},
         json::array({"imei"}),
+        {{"calls", {{{"ID", 1}}}}},
+        {{"calls", {{{"number", 110}}}}},
+        {{"calls", {7}}},
+        {{"calls", json::object()}},
     };
     for (const json &fields : bad) {
         EXPECT_THROW(modem.set(fields), std::invalid_argument) << fields;
@@ -117,6 +125,36 @@ TEST(Modem, WordsErrorsAsItsSettingSays) {
     }
 }
 
+TEST(Modem, HasCalls) {
+    Modem modem;
+    std::vector<std::string> lines;
+    std::vector<std::pair<int64_t, std::function<void()>>> planned;
+    modem.on_unsolicited = [&](std::string_view line) { lines.emplace_back(line); };
+    modem.plan = [&](int64_t ms, std::function<void()> action) { planned.emplace_back(ms, std::move(action)); };
+    RuleTable rules = RuleTable::built_in();
+    EXPECT_EQ(rules.answer("ATA", modem).text, "\r\nERROR\r\n");
+    EXPECT_EQ(rules.answer("ATH", modem).text, "\r\nERROR\r\n");
+    EXPECT_EQ(rules.answer("ATD+491;", modem).text, "\r\nOK\r\n");
+    EXPECT_TRUE(modem.act("ring", "22"));
+    EXPECT_EQ(rules.answer("AT+CLCC", modem).text,
+              "\r\n+CLCC: 1,0,2,0,0,\"+491\",145\r\n+CLCC: 2,1,5,0,0,\"22\",129\r\n\r\nOK\r\n");
+    EXPECT_EQ(rules.answer("AT+CHLD=11", modem).text, "\r\nOK\r\n");
+    EXPECT_EQ(rules.answer("ATD33;", modem).text, "\r\nOK\r\n"); // has the number 1 again
+    // What was planned for the first call does not come to the one that has its number now.
+    ASSERT_EQ(planned.size(), 4u);
+    lines.clear();
+    for (auto &[ms, action] : planned)
+        action();
+    EXPECT_EQ(lines, (std::vector<std::string>{"+CLCC: 1,0,3,0,0,\"33\",129", "+CLCC: 1,0,0,0,0,\"33\",129"}));
+    lines.clear();
+    EXPECT_EQ(rules.answer("AT+CHLD=19", modem).text, "\r\nOK\r\n");
+    EXPECT_EQ(lines, (std::vector<std::string>{"+CALLDISCONNECT: 2,16", "+CALLDISCONNECT: 1,16"}));
+    EXPECT_FALSE(modem.act("tone", "1"));
+    modem.state().mode = 4;
+    EXPECT_FALSE(modem.act("ring", "22"));
+    EXPECT_EQ(rules.answer("ATD33;", modem).text, "\r\nERROR\r\n");
+}
+
 TEST(Clock, RunsWhatIsDueAtItsOwnMoment) {
     int64_t time = 5000;
     Clock clock([&] { return time; });
@@ -193,6 +231,7 @@ TEST(Rules, ErrorsNameThePlace) {
         {R"([{"command": "A={x"}])", R"(rules[0].command: "{" without "}" in "A={x")"},
         {R"([{"command": "A", "lines": ["{x}"]}])", R"(rules[0].lines: unknown field "x")"},
         {R"([{"command": "A", "when": {"x": 1}}])", R"(rules[0].when: unknown field "x")"},
+        {R"([{"command": "A", "act": {"x": 1}}])", R"(rules[0].act: unknown action "x")"},
         {R"([{"command": "A", "later": [{"after": -1, "line": ""}]}])",
          "rules[0].later: not a number of ms in \"after\""},
         {R"([{"command": "A", "line": ""}])", "rules[0].line: unknown key"},

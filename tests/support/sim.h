@@ -78,12 +78,27 @@ inline std::vector<std::string> recorded(const char *kind) {
     return texts;
 }
 
+// AT commands as they stand, and RIL requests as "ril ID" or "ril ID PAYLOAD", in order; they are forgotten then.
+inline std::vector<std::string> sent() {
+    std::vector<std::string> texts;
+    const nlohmann::json record = call("record", {{"clear", true}});
+    for (const nlohmann::json &entry : record["entries"])
+        if (entry["kind"] == "at")
+            texts.push_back(entry.value("text", entry.value("hex", "")));
+        else if (entry["kind"] == "ril")
+            texts.push_back("ril " + entry["id"].dump() + (entry.contains("data") ? " " : "") +
+                            entry.value("data", ""));
+    return texts;
+}
+
 // One operation with the simulated modem.
 struct Exchange {
     const char *what;
-    nlohmann::json given; // {"state": {…}, "fault": {…}}: fields of the modem, and what goes wrong with its replies
-    std::string (*run)(); // makes the call, and tells its result and outputs
-    std::vector<std::string> wire; // AT commands sent
+    // {"state": {…}, "fault": {…}, "ril": {…}}: fields of the modem, and what goes wrong with replies to commands and
+    // to requests
+    nlohmann::json given;
+    std::string (*run)();          // makes the call, and tells its result and outputs
+    std::vector<std::string> wire; // what was sent, as sent() tells it
     std::string outcome;
     std::string log;
 };
@@ -105,12 +120,13 @@ class AtTest : public testing::Test {
             SCOPED_TRACE(exchange.what);
             if (exchange.given.contains("state"))
                 call("state", exchange.given["state"]);
-            if (exchange.given.contains("fault"))
-                fault("at", exchange.given["fault"].value("match", "*"), exchange.given["fault"]);
+            for (const auto &[key, service] : {std::pair("fault", "at"), std::pair("ril", "ril")})
+                if (exchange.given.contains(key))
+                    fault(service, exchange.given[key].value("match", "*"), exchange.given[key]);
             std::string outcome;
             EXPECT_EQ(log_of([&] { outcome = exchange.run(); }), exchange.log);
             EXPECT_EQ(outcome, exchange.outcome);
-            EXPECT_EQ(recorded("at"), exchange.wire);
+            EXPECT_EQ(sent(), exchange.wire);
             call("reset");
         }
     }

@@ -2,11 +2,8 @@
 # SIM card, network and power; sourced by tavrikctl.sh inside a module. What the modem answers is set for each verb, so
 # that what is printed is checked against it alone.
 answer() { sim rules "{\"add\": [$1]}" >/dev/null; }    # a rule
-sent() {                                               # COMMAND...: what the AT server got since the last look
-  local got
-  got=$(sim record '{"kind": "at", "clear": true}' | sed -n 's/^ *"text": "\(.*\)"$/\1/p' | sed 's/\\"/"/g')
-  [ "$got" = "$(printf '%s\n' "$@")" ] || { echo "sent: $got, not $*" && failed=1; }
-}
+# shellcheck source=/dev/null
+. "${0%/*}/sent.sh"
 
 while IFS='|' read -r reply state; do
   answer "{\"command\": \"AT+CPIN?\", $reply}"

@@ -46,7 +46,13 @@ outside)
   expect 2 '' pm lock
   expect 2 '' pm lock name -1
   expect 2 '' monitor --count 0
-  for verb in 'dm info' 'dm mode' 'uim number' 'nw signal' 'pm lock' 'monitor' 'at' 'log test'; do
+  expect 2 '' call dial
+  expect 2 '' call state 0
+  expect 2 '' ecall start --msd 01
+  expect 2 '' ecall start --manual --auto --msd 01
+  expect 2 '' ecall config --t5 65536
+  expect 2 '' ecall config --mode ET
+  for verb in 'dm info' 'dm mode' 'uim number' 'nw signal' 'pm lock' 'call watch' 'ecall start' 'monitor' 'at' 'log test'; do
     # shellcheck disable=SC2086 # two words
     "$build/tavrikctl" $verb --help | grep -q '^Usage: tavrikctl' || { echo "$verb: no help" && failed=1; }
   done
@@ -61,6 +67,7 @@ outside)
   "$build/tavrik-sim" run -- "$0" "$build" radio || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" events || failed=1
   "$build/tavrik-sim" run --scenario "${0%/*}/../../sim/scenarios/drive.json" -- "$0" "$build" drive || failed=1
+  "$build/tavrik-sim" run -- "$0" "$build" calls || failed=1
   exit $failed
   ;;
 empty)
@@ -71,7 +78,7 @@ empty)
   done
   exit $failed
   ;;
-radio | events | drive)
+radio | events | drive | calls)
   # shellcheck source=/dev/null
   [ "$place" = radio ] || . "${0%/*}/monitor.sh"
   # shellcheck source=/dev/null

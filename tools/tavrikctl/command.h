@@ -19,6 +19,7 @@ struct Parameter {
     long long least = 0, most = -1;        // the range of a number; a text when empty
     std::string fallback = {};             // the value when it is left out
     int words = 1;                         // how many it takes, all or none
+    std::string one_of = {};               // exactly one of the switches with this title must be given
 
     bool is_option() const { return name[0] == '-'; }
     bool is_switch() const { return is_option() && value.empty(); }
@@ -47,8 +48,15 @@ inline Parameter number_option(const char *name, const char *value, const char *
                                const char *fallback) {
     return {name, value, help, false, {}, least, most, fallback};
 }
-inline Parameter switch_option(const char *name, const char *help) {
-    return {name, "", help};
+inline Parameter switch_option(const char *name, const char *help, const char *one_of = "") {
+    return {name, "", help, false, {}, 0, -1, "", 1, one_of};
+}
+inline Parameter chosen_option(const char *name, const char *value, const char *help,
+                               std::vector<std::string> choices) {
+    return {name, value, help, false, std::move(choices)};
+}
+inline Parameter required_option(const char *name, const char *value, const char *help) {
+    return {name, value, help, true};
 }
 
 // What the command line gave, by parameter name; left-out parameters without a fallback are absent.
@@ -80,7 +88,9 @@ struct Family {
 
 // One in each family's file.
 Family at_family();
+Family call_family();
 Family dm_family();
+Family ecall_family();
 Family log_family();
 Family monitor_family();
 Family nw_family();

@@ -17,7 +17,8 @@ Table command_table() {
     return {{switch_option("--json", "Print JSON instead of text, an object a line"),
              number_option("--log", "MODE", "Where the library logs to; mode 0 goes to standard error here", 0, 3, "1"),
              switch_option("--version", "Print the version and exit"), switch_option("--help", "Print help and exit")},
-            {dm_family(), uim_family(), nw_family(), pm_family(), monitor_family(), at_family(), log_family()}};
+            {dm_family(), uim_family(), nw_family(), call_family(), ecall_family(), pm_family(), monitor_family(),
+             at_family(), log_family()}};
 }
 
 CLI::Option *add(CLI::App &app, const Parameter &parameter) {
@@ -26,6 +27,17 @@ CLI::Option *add(CLI::App &app, const Parameter &parameter) {
         return app.set_help_flag("-h,--help", help);
     if (parameter.name == "--version")
         return app.set_version_flag("--version", "tavrikctl " TAVRIK_SDK_VERSION, help);
+    if (!parameter.one_of.empty()) {
+        CLI::Option_group *group = nullptr;
+        for (CLI::App *known : app.get_subcommands(nullptr))
+            if (known->get_group() == parameter.one_of)
+                group = static_cast<CLI::Option_group *>(known);
+        if (!group) {
+            group = app.add_option_group(parameter.one_of);
+            group->group(parameter.one_of)->require_option(1);
+        }
+        return group->add_flag(parameter.name, help);
+    }
     if (parameter.is_switch())
         return app.add_flag(parameter.name, help);
     CLI::Option *option = app.add_option(parameter.name, help)->expected(parameter.words)->type_size(1);

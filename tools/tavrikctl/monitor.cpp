@@ -3,6 +3,7 @@
 #include "level.h"
 #include "names.h"
 #include "output.h"
+#include "watch.h"
 
 #include <algorithm>
 #include <chrono>
@@ -33,14 +34,12 @@ void put(Output &output, const SmsMessage &message) {
 }
 
 void put(Output &output, const Tavrik_Call &call) {
-    static const char *const kStates[] = {"",     "dialling", "incoming", "active", "", "alerting",
-                                          "held", "waiting",  "7",        "ended",  "6"};
     output.event("call");
     output.field("call", "id", call.call_id);
-    if (call.state > 0 && call.state < 11)
-        output.field("state", "state", kStates[call.state]);
+    if (!call_state_name(call.state).empty())
+        output.field("state", "state", call_state_name(call.state));
     if (call.direction)
-        output.field("direction", "direction", call.direction == 1 ? "outgoing" : "incoming");
+        output.field("direction", "direction", call_direction_name(call.direction));
     if (*call.number)
         output.field("number", "number", std::string(call.number, strnlen(call.number, sizeof call.number)));
 }
@@ -188,19 +187,24 @@ void on_event(int event, void *record) {
 }
 
 bool monitor(const Arguments &arguments, Output &output) {
+    return watch("monitor", {0, 1, 2, 3, 4, 5, 6}, arguments, output);
+}
+
+} // namespace
+
+bool watch(const std::string &verb, std::initializer_list<int> slots, const Arguments &arguments, Output &output) {
     using namespace std::chrono;
-    constexpr int kSlots = 7;
     g_monitor.output = &output;
     g_monitor.left = arguments.has("--count") ? arguments.number("--count") : LLONG_MAX;
     const auto began = steady_clock::now();
     const auto until = began + seconds(arguments.has("--for") ? arguments.number("--for") : INT_MAX);
     // All handlers stand before the thread starts: with a callback for each category in turn, what comes while the
     // first has one and the last has not would be lost.
-    for (int slot = 0; slot < kSlots; ++slot)
+    for (const int slot : slots)
         add_ind_cb(slot, slot == 0 ? on_sms : on_event);
     if (!start_indication_thread()) {
         remove_ind_cb();
-        return fail("monitor: the indication channel cannot be opened");
+        return fail(verb + ": the indication channel cannot be opened");
     }
     bool lost = false;
     long long missing;
@@ -216,27 +220,26 @@ bool monitor(const Arguments &arguments, Output &output) {
     }
     tavrik_indication_deregister();
     if (!g_monitor.written)
-        return fail("monitor: cannot write an event");
+        return fail(verb + ": cannot write an event");
     if (missing && lost)
-        return fail("monitor: the AT server has closed the indication channel");
+        return fail(verb + ": the AT server has closed the indication channel");
     if (missing && arguments.has("--count"))
-        return fail("monitor: " + std::to_string(missing) + " events fewer than wanted");
+        return fail(verb + ": " + std::to_string(missing) + " events fewer than wanted");
     return true;
 }
 
-} // namespace
+std::vector<Parameter> watch_options() {
+    return {number_option("--for", "S", "End after so many seconds", 0, INT_MAX, ""),
+            number_option("--count", "N", "End after so many events; with --for, fewer are a failure", 1, INT_MAX, "")};
+}
 
 Family monitor_family() {
-    return {
-        "monitor",
-        "Events",
-        {{"monitor",
-          "",
-          "Print events as they happen, a line each: registration, cells and signal, SIM card, messages, calls and "
-          "contexts",
-          {number_option("--for", "S", "End after so many seconds", 0, INT_MAX, ""),
-           number_option("--count", "N", "End after so many events; with --for, fewer are a failure", 1, INT_MAX, "")},
-          monitor}}};
+    return {"monitor",
+            "Events",
+            {{"monitor", "",
+              "Print events as they happen, a line each: registration, cells and signal, SIM card, messages, calls and "
+              "contexts",
+              watch_options(), monitor}}};
 }
 
 } // namespace tavrikctl

@@ -26,6 +26,16 @@ inline std::string registration_name(int state) {
     return state >= 0 && state < 11 ? kNames[state] : std::to_string(state);
 }
 
+inline std::string call_state_name(int state) {
+    static const char *const kNames[] = {"",     "dialling", "incoming", "active", "", "alerting",
+                                         "held", "waiting",  "7",        "ended",  "6"};
+    return state > 0 && state < 11 ? kNames[state] : "";
+}
+
+inline std::string call_direction_name(int direction) {
+    return direction == 1 ? "outgoing" : direction == 2 ? "incoming" : "";
+}
+
 inline std::string technology_name(int technology) { // 2 to 4, as the library counts them
     return technology == 2 ? "GSM" : technology == 3 ? "WCDMA" : technology == 4 ? "LTE" : "none";
 }

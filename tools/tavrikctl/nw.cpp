@@ -1,4 +1,5 @@
 // tavrikctl nw: registration, signal and settings of the radio.
+#include "channel.h"
 #include "command.h"
 #include "level.h"
 #include "names.h"
@@ -11,20 +12,8 @@
 namespace tavrikctl {
 namespace {
 
-// The channel to the modem, for as long as a verb runs.
-class Radio {
-  public:
-    Radio() : reached_(Tavrik_NW_Init() == 0) {
-        if (!reached_)
-            fail("nw: the AT server cannot be reached");
-    }
-    Radio(const Radio &) = delete;
-    Radio &operator=(const Radio &) = delete;
-    ~Radio() { Tavrik_AT_Deinit(); }
-    explicit operator bool() const { return reached_; }
-
-  private:
-    bool reached_;
+struct Radio : Channel {
+    Radio() : Channel("nw") {}
 };
 
 bool written(Output &output) {
