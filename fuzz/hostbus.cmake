@@ -12,3 +12,4 @@ list(TRANSFORM client PREPEND ${hostbus}/client/)
 set_source_files_properties(${client} PROPERTIES
   COMPILE_DEFINITIONS "connect=fuzz_connect;poll=fuzz_poll;clock_gettime=fuzz_clock_gettime")
 tavrik_fuzz(hostbus_client ${client})
+target_include_directories(fuzz-hostbus_client BEFORE PRIVATE ${hostbus}/include)
