@@ -235,8 +235,9 @@ class HostBus : public ::testing::Test {
         return std::make_unique<Child>([&] {
             // TAVRIK_EMULATOR is what a program of another machine is started with.
             const char *const emulator = getenv("TAVRIK_EMULATOR");
-            const std::string command = std::string("exec ") + (emulator ? emulator : "") + " '" TAVRIK_UBUSD_PATH
-                                        "' -A '" + folder + "/rules' " + option + " '" + value + "'";
+            const std::string command = std::string("exec ") + (emulator ? emulator : "") +
+                                        " '" TAVRIK_UBUSD_PATH "' -A '" + folder + "/rules' " + option + " '" + value +
+                                        "'";
             execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
             return 127;
         });
