@@ -3,6 +3,7 @@
 
 #include "message.h"
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -62,7 +63,8 @@ class Child {
         if (pid_ > 0) {
             if (signal)
                 kill(pid_, signal);
-            waitpid(pid_, &status, 0);
+            while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) // by the end of another child
+                ;
         }
         pid_ = -1;
         return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
