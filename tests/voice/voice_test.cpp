@@ -69,14 +69,14 @@ std::string cause() {
 json call_in(int state, int id = 2) {
     return {{"id", id}, {"state", state}, {"incoming", true}, {"number", "+49"}};
 }
-json calls(json list) {
-    return {{"state", {{"calls", std::move(list)}}}};
+json calls(std::initializer_list<json> list) {
+    return {{"state", {{"calls", std::vector<json>(list)}}}};
 }
 json many(int count) {
     json list = json::array();
     for (int i = 1; i <= count; ++i)
         list.push_back({{"id", i}});
-    return calls(list);
+    return {{"state", {{"calls", list}}}};
 }
 json ril(const char *match, json effect, json given = json::object()) {
     effect["match"] = match;
