@@ -1,4 +1,5 @@
-// tavrik-bench [--json] [NAME...]: prints the ratio ours / base of each row, the median of 40 blocks with 10 % and 90 %.
+// tavrik-bench [--json] [NAME...]: prints the ratio ours / base of each row, the median of 40 blocks with 10 % and 90
+// %.
 #include "bench.h"
 
 #include <CLI/CLI.hpp>
@@ -46,8 +47,12 @@ bool run(const bench::Row &row, bool json) {
         ratio.push_back(one[1] / one[0]);
     }
     if (json)
-        printf("%s\n", nlohmann::json{{"name", row.name}, {"ours", at(ours, .5)}, {"base", at(base, .5)},
-                                      {"ratio", at(ratio, .5)}, {"ratio10", at(ratio, .1)}, {"ratio90", at(ratio, .9)},
+        printf("%s\n", nlohmann::json{{"name", row.name},
+                                      {"ours", at(ours, .5)},
+                                      {"base", at(base, .5)},
+                                      {"ratio", at(ratio, .5)},
+                                      {"ratio10", at(ratio, .1)},
+                                      {"ratio90", at(ratio, .9)},
                                       {"unit", row.unit}}
                            .dump()
                            .c_str());
@@ -76,7 +81,7 @@ int main(int argc, char **argv) {
 
     setenv("TAVRIK_LOG_OPTION", "0", 1); // the time-outs that are measured are no news
     std::vector<bench::Row> rows = bench::at_rows();
-    for (auto more : {bench::bus_rows, bench::indication_rows, bench::text_rows})
+    for (auto more : {bench::bus_rows, bench::indication_rows, bench::pdu_rows, bench::text_rows})
         for (bench::Row &row : more())
             rows.push_back(std::move(row));
     if (!json)

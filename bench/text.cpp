@@ -82,8 +82,8 @@ bool bare_lines_on(int operations) {
     Quiet quiet("1");
     for (int i = 0; i < operations; i++) {
         char line[512];
-        const int length = snprintf(line, sizeof line, "[%ld][%s:%d]:%s\n", syscall(SYS_gettid), "Tavrik_Log_Test", 200,
-                                    "log test");
+        const int length =
+            snprintf(line, sizeof line, "[%ld][%s:%d]:%s\n", syscall(SYS_gettid), "Tavrik_Log_Test", 200, "log test");
         if (write(2, line, size_t(length)) != length)
             return false;
     }

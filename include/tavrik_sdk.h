@@ -376,10 +376,12 @@ typedef void (*Tavrik_UbusDataCb)(struct ubus_request *request, int type, struct
 TAVRIK_API int tavrik_ubus_init(void);
 
 /**
- * Stops the loop thread and waits for its end, closes the connections that are kept for reuse, and releases uloop.
+ * Aborts the asynchronous requests that are under way (each is logged, and told so where it has a callback of its own),
+ * stops the loop thread and waits for its end, closes the connections that are kept for reuse, and releases uloop.
  *
- * Blocks until the loop thread has ended what it is at, and for 5 s more while other threads keep the bus busy. Called
- * on the loop thread itself it only asks that thread to stop.
+ * Blocks for 2 s while a callback runs on the loop thread, and for 10 s more while other threads keep the bus busy. A
+ * callback that lasts longer is left behind with an error line in the log: its thread ends when it returns. Called on
+ * the loop thread itself it waits for nothing: that thread does the same when its callback has returned.
  */
 TAVRIK_API void tavrik_ubus_deinit(void);
 
@@ -387,15 +389,16 @@ TAVRIK_API void tavrik_ubus_deinit(void);
  * Starts the loop thread (name "tavrikuloop"), which serves asynchronous requests; initialises uloop if nobody has.
  *
  * @return 0, also when the thread runs already (a stop that it was asked for and has not carried out is revoked); -1
- *         when uloop or the thread cannot be had.
+ *         when uloop or the thread cannot be had, and on a loop thread for whose end another thread waits.
  *
- * Blocks for 5 s at most. May be called from a callback.
+ * Blocks for 5 s at most, and before that while tavrik_ubus_deinit runs on another thread. May be called from a
+ * callback.
  */
 TAVRIK_API int tavrik_ubus_thread_init(void);
 
 /**
- * Asks the loop thread to stop. It leaves by itself; tavrik_ubus_deinit waits for that. Without a thread it does
- * nothing.
+ * Asks the loop thread to stop. It leaves by itself once no asynchronous request is under way, which is after 60 s at
+ * the latest; tavrik_ubus_deinit does not wait for that. Without a thread it does nothing.
  *
  * Does not block. May be called from a callback.
  */
@@ -746,6 +749,36 @@ TAVRIK_API int add_ind_cb(int slot, Tavrik_IndicationHandler handler);
 TAVRIK_API void remove_ind_cb(void);
 
 #endif
+
+/* ---- Start and stop ------------------------------------------------------------------------------------------- */
+
+/**
+ * Starts the library: Tavrik_SMS_Init(), Tavrik_VoiceCall_Init() and tavrik_ubus_init(), in this order. Families that
+ * are not named here have calls of their own, and the AT channel is opened by those that need it.
+ *
+ * May be called again, after Tavrik_Basic_Destroy() and without it: a callback that is registered stays then.
+ *
+ * @param sms  SMS callback, or NULL: none is registered. On the indication thread for incoming messages, for results of
+ *             sends as Tavrik_SMS_SendMsg() and Tavrik_SMS_SendMsg_Async() say.
+ * @param call callback for calls, or NULL: none is registered. On the indication thread.
+ * @return 0; -1 when one of the three fails. What was done before that stays, and Tavrik_Basic_Destroy() removes it.
+ *
+ * Blocks: 2 s for each callback while the AT server accepts nobody, and 5 s while other threads keep the bus busy.
+ * In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Basic_Init(Tavrik_SmsCb sms, Tavrik_CallCb call);
+
+/**
+ * Stops the library: tavrik_ubus_deinit(), which aborts asynchronous requests that are under way, and
+ * tavrik_indication_deregister(), which removes the callbacks of all families. Harmless when nothing was started. The
+ * AT channel stays open.
+ *
+ * @return 0.
+ *
+ * Blocks: as tavrik_ubus_deinit(), and 2 s while a callback of an indication runs on another thread. In a callback:
+ * yes, it does not wait for itself; the callback's thread ends when it has returned.
+ */
+TAVRIK_API int Tavrik_Basic_Destroy(void);
 
 /* ---- Device management --------------------------------------------------------------------------------------- */
 
@@ -1676,6 +1709,123 @@ typedef struct SmsMessage {
     int32_t result; /**< what the modem answered to a send */
 } SmsMessage;
 
+/**
+ * Registers the SMS callback: for incoming messages (event 0), and for results of sends (event 1, with a record of
+ * which `result` alone is set and that is the library's). While it is registered another call keeps the callback it
+ * has.
+ *
+ * @param callback as of TAVRIK_IND_SMS. Incoming messages reach it on the indication thread, results as the sends say.
+ * @return 0; -1 when `callback` is NULL, the AT server cannot be reached, or as tavrik_ubus_init(). The callback may be
+ *         registered all the same then, see tavrik_indication_register(), and the next call tries again.
+ *
+ * Blocks: 2 s while the AT server accepts nobody, and as tavrik_ubus_init(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_SMS_Init(Tavrik_SmsCb callback);
+
+/**
+ * Removes the SMS callback for incoming messages, as tavrik_indication_smsderegister(). Results of sends still go to
+ * it, unless it was the last registration of all families: then everything is removed.
+ *
+ * Blocks: 2 s while the callback runs on another thread, and the last one as tavrik_ubus_deinit(). In a callback: yes.
+ */
+TAVRIK_API void Tavrik_SMS_Deinit(void);
+
+/**
+ * Gives the incoming message, as the modem delivered it, for Tavrik_SMS_Decode().
+ *
+ * @param[out] pdu hexadecimal text with a terminating zero; unchanged on failure.
+ * @param size     of `pdu`; 512 is enough for all.
+ * @return 0; -1 outside of an SMS callback with event 0, and when `pdu` is NULL or too small.
+ *
+ * Blocks: never. In a callback: only there.
+ */
+TAVRIK_API int Tavrik_SMS_CurrentPdu(char *pdu, size_t size);
+
+/*
+ * Sending: the ubus object "sms" with its methods "sms.send" and "sms.send_pdu" (3GPP TS 23.040). Whatever number the
+ * service answers ("resp") is the result; 0 is success by custom. None of these needs Tavrik_SMS_Init(). A send that
+ * has failed may have gone out all the same when only the answer was lost.
+ */
+
+/**
+ * Sends a text and waits for the service's answer. The SMS callback, if there is one, gets the result too (event 1),
+ * before the call returns and on the same thread; a callback may send.
+ *
+ * @param message `number`, `text` and `length`, the length of the text in bytes: 1 to 160 of ASCII, otherwise at most
+ *                210 where an ASCII character counts 3 (70 characters). In UTF-8; what is not UTF-8 ends the text.
+ * @return the answer; -1 when an argument is wrong, the service cannot be reached, or no answer came within 10 s.
+ *
+ * Blocks: 10 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_SMS_SendMsg(const SmsMessage *message);
+
+/**
+ * Sends a message that is encoded already, and waits for the answer. Otherwise as Tavrik_SMS_SendMsg().
+ *
+ * @param pdu hexadecimal text of an SMS-SUBMIT as the service wants it; passed on unchanged and not looked at.
+ * @return the answer; -1 when `pdu` is NULL, the service cannot be reached, or no answer came within 25 s.
+ *
+ * Blocks: 25 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_SMS_SendPdu(const char *pdu);
+
+/**
+ * Sends a text without waiting for the answer. The result goes to the SMS callback (event 1), on the loop thread. A
+ * send without an answer after 60 s, or under way when the library is stopped, ends with an error line in the log
+ * alone; use Tavrik_SMS_SendMsg_AsyncEx() to hear of that, and which send it was.
+ *
+ * @param message as of Tavrik_SMS_SendMsg(); not used any more after the call.
+ * @return 0 when it is under way; -1 when an argument is wrong, or without service, loop thread, memory or descriptors.
+ *
+ * Blocks: 5 s, until the message is handed to the bus. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_SMS_SendMsg_Async(const SmsMessage *message);
+
+/**
+ * Sends a message that is encoded already, without waiting for the answer. Otherwise as Tavrik_SMS_SendMsg_Async().
+ *
+ * @param pdu as of Tavrik_SMS_SendPdu(); not used any more after the call.
+ * @return 0 when it is under way; -1 as Tavrik_SMS_SendMsg_Async().
+ *
+ * Blocks: 5 s, until the message is handed to the bus. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_SMS_SendPdu_Async(const char *pdu);
+
+/** How an asynchronous send ended. */
+enum {
+    TAVRIK_SMS_ANSWERED = 0,   /**< the service answered */
+    TAVRIK_SMS_FAILED = -1,    /**< it refused, its answer could not be read, or the connection was lost */
+    TAVRIK_SMS_TIMED_OUT = -2, /**< no answer within the limit */
+    TAVRIK_SMS_ABORTED = -3    /**< the library was stopped meanwhile */
+};
+
+/**
+ * End of an asynchronous send. Runs on the loop thread, once for each send that was under way.
+ *
+ * @param user   as given to the send.
+ * @param status TAVRIK_SMS_ANSWERED and so on.
+ * @param resp   the answer; -1 without.
+ */
+typedef void (*Tavrik_SmsSendCb)(void *user, int status, int32_t resp);
+
+/**
+ * Sends a text without waiting, and tells this send's own callback how it ended. The SMS callback hears nothing of it.
+ *
+ * @param message    as of Tavrik_SMS_SendMsg(); not used any more after the call.
+ * @param timeout_ms limit in milliseconds from the call on, 1 to 60000; any other number stands for 60000.
+ * @param callback   called exactly once when the result is 0, perhaps before the call returns; else never.
+ * @param user       for the callback.
+ * @return 0 when it is under way; -1 as Tavrik_SMS_SendMsg_Async(), and when `callback` is NULL.
+ *
+ * Blocks: 5 s at most and not beyond the limit, until the message is handed to the bus. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_SMS_SendMsg_AsyncEx(const SmsMessage *message, int timeout_ms, Tavrik_SmsSendCb callback,
+                                          void *user);
+
+/** Sends a message that is encoded already; as Tavrik_SMS_SendMsg_AsyncEx(), with `pdu` of Tavrik_SMS_SendPdu(). Its
+ * @return is the same. Blocks: the same. In a callback: yes. */
+TAVRIK_API int Tavrik_SMS_SendPdu_AsyncEx(const char *pdu, int timeout_ms, Tavrik_SmsSendCb callback, void *user);
+
 #ifndef TAVRIK_NO_SHORT_NAMES
 
 /*
@@ -1863,6 +2013,31 @@ TAVRIK_API int is_ascii(const char *text, int count, int32_t *ascii_count);
  * @return 0; -1, logged, save for a byte 0x80 to 0xBF where a character should begin.
  */
 TAVRIK_API int code_convert_utf8_to_unicodeStr(const char *utf8, int count, char *hex, int32_t *length);
+
+/**
+ * Reply handlers of "sms.send" and "sms.send_pdu", for requests of the application's own: hand the result of the reply
+ * to the SMS callback, on this thread. A reply without result is logged, save by the second one when a field is
+ * missing.
+ *
+ * @param request not used.
+ * @param type    not used.
+ * @param message the reply.
+ *
+ * Block: as long as the callback takes.
+ */
+TAVRIK_API void sms_recv_send_msg_cb(struct ubus_request *request, int type, struct blob_attr *message);
+TAVRIK_API void sms_pdu_recv_send_msg_cb(struct ubus_request *request, int type, struct blob_attr *message);
+
+/**
+ * Completion handler for asynchronous requests of the application's own whose `priv` is NULL or memory to release with
+ * them: frees both.
+ *
+ * @param request from malloc(), like its `priv`; NULL does nothing.
+ * @param status  not used.
+ *
+ * Blocks: never.
+ */
+TAVRIK_API void complete_sms_async_cb(struct ubus_request *request, int status);
 
 #endif
 

@@ -27,7 +27,7 @@ bool has_word(std::string_view words, std::string_view word) {
 
 bool Fault::for_requests() const {
     return drop || close || delay_ms || !split.none() || raw || error || ril_error || ril_id || data || no_data ||
-           status || times != 1;
+           reply || status || times != 1;
 }
 
 Fault Fault::from(Args &args, std::string_view effects) {
@@ -78,6 +78,12 @@ Fault Fault::from(Args &args, std::string_view effects) {
     if (knows("status"))
         if (auto status = args.number("status", INT32_MIN, INT32_MAX))
             fault.status = static_cast<int32_t>(*status);
+    if (knows("reply"))
+        if (const json *reply = args.take("reply")) {
+            if (!reply->is_object())
+                throw std::invalid_argument("\"reply\" is an object");
+            fault.reply = *reply;
+        }
     if (knows("times"))
         fault.times = static_cast<int>(args.number("times", 0, 1000).value_or(1));
     if (knows("close"))

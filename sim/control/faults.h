@@ -2,7 +2,7 @@
 
 #include <cstdint>
 #include <list>
-#include <nlohmann/json_fwd.hpp>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -43,6 +43,8 @@ struct Fault {
     bool no_data = false;             // RIL reply without payload
     std::optional<int32_t> status;    // of the bus call
     int times = 1;                    // that a bus reply is sent before the status
+    // In place of the reply of a bus object.
+    std::optional<nlohmann::ordered_json> reply;
     // What happens without any request.
     Standing standing;
     bool restart = false;

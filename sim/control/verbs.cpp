@@ -1,9 +1,11 @@
 #include "control/verbs.h"
 
+#include <algorithm>
 #include <stdexcept>
 #include <unistd.h>
 
 #include "control/args.h"
+#include "model/message.h"
 
 namespace tavrik::sim {
 
@@ -87,6 +89,35 @@ Action parse_line(Context &context, const json &object) {
                                   return Outcome{{{"clients", clients}}, in_time ? "" : "a client does not read"};
                               },
                               done);
+    };
+}
+
+// An incoming message: a text, a PDU as it stands, or the report on one that was sent.
+Action parse_message(Context &context, const json &object) {
+    Args args(object);
+    const std::optional<std::string> pdu = args.text("pdu"), from = args.text("from"), text = args.text("text"),
+                                     to = args.text("to");
+    const bool reverse = args.flag("reverse");
+    const auto reference = static_cast<int>(args.number("reference", 0, 255).value_or(42));
+    const std::optional<int64_t> status = args.number("status", 0, 255);
+    args.finish();
+    std::vector<std::string> lines;
+    if (from && text && !pdu && !to)
+        lines = deliver_pdus(*from, *text, reference);
+    else if (to && status && !from && !text && !pdu)
+        lines = {report_pdu(*to, reference, static_cast<int>(*status))};
+    else if (pdu && !from && !text && !to)
+        lines = {*pdu};
+    else
+        throw std::invalid_argument("a message is \"from\" and \"text\", or \"pdu\", or \"to\" and \"status\"");
+    if (reverse)
+        std::reverse(lines.begin(), lines.end());
+    for (std::string &line : lines)
+        line = message_line(line);
+    return [&context, lines](const Done &done) {
+        for (const std::string &line : lines)
+            context.modem.unsolicited(line);
+        succeed(done, {{"parts", lines.size()}});
     };
 }
 
@@ -250,10 +281,10 @@ const struct {
     const char *name;
     Action (*parse)(Context &context, const json &args);
 } verbs[] = {
-    {"advance", parse_advance}, {"call", parse_call},     {"clear", parse_clear},   {"context", parse_context},
-    {"fault", parse_fault},     {"hangup", parse_hangup}, {"line", parse_line},     {"record", parse_record},
-    {"reset", parse_reset},     {"rules", parse_rules},   {"state", parse_state},   {"verbs", parse_verbs},
-    {"wait", parse_wait},
+    {"advance", parse_advance}, {"call", parse_call},     {"clear", parse_clear}, {"context", parse_context},
+    {"fault", parse_fault},     {"hangup", parse_hangup}, {"line", parse_line},   {"message", parse_message},
+    {"record", parse_record},   {"reset", parse_reset},   {"rules", parse_rules}, {"state", parse_state},
+    {"verbs", parse_verbs},     {"wait", parse_wait},
 };
 
 } // namespace

@@ -7,6 +7,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+extern "C" {
+#include <libubox/blobmsg_json.h>
+}
+
 namespace tavrik::sim {
 
 namespace {
@@ -23,6 +27,15 @@ int64_t now_ms() {
 
 std::string fields_of(const blob_buf &message) {
     return {static_cast<const char *>(blob_data(message.head)), blob_len(message.head)};
+}
+
+std::string fields_of(const nlohmann::ordered_json &message) {
+    blob_buf buffer{};
+    blob_buf_init(&buffer, 0);
+    blobmsg_add_json_from_string(&buffer, message.dump().c_str());
+    std::string fields = fields_of(buffer);
+    blob_buf_free(&buffer);
+    return fields;
 }
 
 BusObject::BusObject(Context &context, const char *name, const std::vector<const char *> &methods)
@@ -177,6 +190,8 @@ int BusObject::answer(ubus_request_data *request, Reply reply, const Fault *faul
     if (fault) {
         if (fault->raw)
             reply.fields = *fault->raw;
+        if (fault->reply)
+            reply.fields = fields_of(*fault->reply);
         if (fault->status)
             reply.status = *fault->status;
         times = fault->times;

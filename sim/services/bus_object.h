@@ -20,7 +20,7 @@ class BusObject : public Service {
     void stop() override;
     bool settled() const override;
     std::string_view effects() const override {
-        return "delay drop raw hex status times close freeze refuse stop restart";
+        return "delay drop raw hex reply status times close freeze refuse stop restart";
     }
     void stand(const Standing &standing) override;
     nlohmann::json describe() const override { return {{"connected", link_ == Link::up}}; }
@@ -85,5 +85,7 @@ class BusObject : public Service {
 
 // The fields of a message, encoded.
 std::string fields_of(const blob_buf &message);
+// A JSON object as a message: its fields in their order, encoded.
+std::string fields_of(const nlohmann::ordered_json &message);
 
 } // namespace tavrik::sim

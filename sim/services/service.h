@@ -45,6 +45,7 @@ std::unique_ptr<Service> make_at_server(Context &);
 std::unique_ptr<Service> make_indication_server(Context &);
 std::unique_ptr<Service> make_power(Context &);
 std::unique_ptr<Service> make_ril(Context &);
+std::unique_ptr<Service> make_sms(Context &);
 std::unique_ptr<Service> make_bus_control(Context &);
 
 } // namespace tavrik::sim

@@ -15,6 +15,9 @@ struct EcallEvent {
 // Slots of handlers and callbacks.
 enum Slot { kSlotSms, kSlotVoice, kSlotEcall, kSlotCell, kSlotNetwork, kSlotSim, kSlotData, kSlotCount };
 
+// tavrik_ubus_deinit(), and meanwhile a callback on the loop thread does not wait for a callback on this one.
+void end_loop();
+
 // Hands an event to the slot's handler, on this thread. False when there is none: then nobody has seen the record.
 bool deliver(Slot slot, int event, void *record);
 
@@ -31,6 +34,9 @@ int on_CESQinfo_changed(char *line);
 // A call has ended, with the cause that the modem gave, or NULL: an eCall event if an eCall reported since the last
 // one.
 void on_ecall_disconnected(const char *cause);
+
+// The SMS family as before its start. The registry calls it, locked, when everything is removed.
+void reset_sms();
 
 // The context that a line speaks of in the words of +CGEV, "NW PDN DEACT 3"; -1 for none.
 int get_cid_from_cgev_line(const char *line);

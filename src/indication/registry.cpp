@@ -101,19 +101,8 @@ Reader *clear_all() {
     g_registry.count = 0;
     g_registry.initialised = false;
     g_registry.generation++;
+    reset_sms();
     return take_reader();
-}
-
-// The end of uloop, for which this thread waits: a callback on the loop thread must not wait for this one meanwhile.
-void end_loop() {
-    Wait wait = {1u << kLoopThread, 0, {}, nullptr};
-    {
-        RegistryLock lock;
-        enter(wait);
-    }
-    tavrik_ubus_deinit();
-    RegistryLock lock;
-    leave(wait);
 }
 
 int deregister(unsigned slots, int registrations, Site site = Site::here()) {
@@ -140,6 +129,17 @@ int deregister(unsigned slots, int registrations, Site site = Site::here()) {
 }
 
 } // namespace
+
+void tavrik::end_loop() {
+    Wait wait = {1u << kLoopThread, 0, {}, nullptr};
+    {
+        RegistryLock lock;
+        enter(wait);
+    }
+    tavrik_ubus_deinit();
+    RegistryLock lock;
+    leave(wait);
+}
 
 int tavrik_indication_register(int category, Tavrik_IndicationCb callback) {
     if (category < 0 || category > kCategoryCount || !callback)

@@ -4,71 +4,14 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include "ubus/hold.h"
 #include "ubus/context_pool.h"
+#include "ubus/hold.h"
 
 namespace tavrik {
 namespace {
 
 // A message whose first byte is there is read to its end with the lock held; a healthy daemon sends the rest at once.
 constexpr int kMessageMs = 5000;
-
-struct Reply {
-    Reply *next;
-    int type;
-    blob_attr *message; // a copy: libubus's own is valid inside its callback only
-};
-
-// One invoke under way. libubus hands the request back to its callbacks, so it comes first.
-struct Exchange {
-    ubus_request request = {};
-    Reply *first = nullptr;
-    Reply **last = &first;
-    bool done = false;
-    int status = UBUS_STATUS_OK;
-
-    ~Exchange() {
-        while (Reply *reply = first) {
-            first = reply->next;
-            free(reply->message);
-            free(reply);
-        }
-    }
-};
-
-void keep_reply(ubus_request *request, int type, blob_attr *message) {
-    auto *exchange = reinterpret_cast<Exchange *>(request);
-    auto *reply = static_cast<Reply *>(calloc(1, sizeof(Reply)));
-    if (reply && message)
-        reply->message = blob_memdup(message);
-    if (!reply || (message && !reply->message)) {
-        free(reply);
-        exchange->status = UBUS_STATUS_NO_MEMORY;
-        return;
-    }
-    reply->type = type;
-    *exchange->last = reply;
-    exchange->last = &reply->next;
-}
-
-void keep_status(ubus_request *request, int status) {
-    auto *exchange = reinterpret_cast<Exchange *>(request);
-    exchange->done = true;
-    if (!exchange->status)
-        exchange->status = status;
-}
-
-void deliver(Exchange &exchange, ubus_data_handler_t on_data) {
-    while (Reply *reply = exchange.first) {
-        exchange.first = reply->next;
-        if (!exchange.first)
-            exchange.last = &exchange.first;
-        if (on_data)
-            on_data(&exchange.request, reply->type, reply->message);
-        free(reply->message);
-        free(reply);
-    }
-}
 
 bool readable(int socket, Deadline deadline) {
     pollfd wait = {socket, POLLIN, 0};
@@ -81,6 +24,42 @@ bool readable(int socket, Deadline deadline) {
 
 } // namespace
 
+Exchange::~Exchange() {
+    deliver(nullptr);
+}
+
+void Exchange::keep_reply(ubus_request *request, int type, blob_attr *message) {
+    auto *exchange = reinterpret_cast<Exchange *>(request);
+    auto *reply = static_cast<Reply *>(calloc(1, sizeof(Reply)));
+    if (reply && message)
+        reply->message = blob_memdup(message);
+    if (!reply || (message && !reply->message)) {
+        free(reply);
+        exchange->status_ = UBUS_STATUS_NO_MEMORY;
+        return;
+    }
+    reply->type = type;
+    *exchange->last_ = reply;
+    exchange->last_ = &reply->next;
+}
+
+void Exchange::keep_status(ubus_request *request, int status) {
+    auto *exchange = reinterpret_cast<Exchange *>(request);
+    exchange->end(exchange->status_ ? exchange->status_ : status);
+}
+
+void Exchange::deliver(ubus_data_handler_t on_data) {
+    while (Reply *reply = first_) {
+        first_ = reply->next;
+        if (!first_)
+            last_ = &first_;
+        if (on_data)
+            on_data(&request_, reply->type, reply->message);
+        free(reply->message);
+        free(reply);
+    }
+}
+
 BusConnection::BusConnection(int timeout_ms)
     : setup_(Deadline::in(timeout_ms > 0 ? timeout_ms : kBusSetupMs)),
       reply_(timeout_ms > 0   ? setup_
@@ -88,9 +67,14 @@ BusConnection::BusConnection(int timeout_ms)
                               : Deadline::never()) {
 }
 
-BusConnection::~BusConnection() {
+void BusConnection::close() {
     if (pooled_)
         give_context(pooled_, clean_ && !pooled_->context->sock.eof);
+    pooled_ = nullptr;
+}
+
+int BusConnection::socket() const {
+    return pooled_->context->sock.fd;
 }
 
 bool BusConnection::open() {
@@ -114,55 +98,64 @@ int BusConnection::lookup(const char *object, uint32_t *id) {
     return status;
 }
 
+int BusConnection::start(Exchange &exchange, uint32_t id, const char *method, blob_attr *message, void *priv) {
+    ubus_context *context = pooled_->context;
+    BusHold hold(setup_);
+    if (!hold || !hold.guard(socket(), setup_))
+        return UBUS_STATUS_TIMEOUT;
+    clean_ = false;
+    const int status = ubus_invoke_async_fd(context, id, method, message, &exchange.request_, -1);
+    const bool cut = hold.cut();
+    if (status || cut)
+        return cut ? UBUS_STATUS_TIMEOUT : status;
+    exchange.request_.data_cb = Exchange::keep_reply;
+    exchange.request_.complete_cb = Exchange::keep_status;
+    exchange.request_.priv = priv;
+    ubus_complete_request_async(context, &exchange.request_);
+    return UBUS_STATUS_OK;
+}
+
+bool BusConnection::receive(BusHold &hold, Exchange &exchange, Deadline deadline) {
+    ubus_context *context = pooled_->context;
+    if (!hold.guard(socket(), Deadline::sooner(deadline, Deadline::in(kMessageMs))))
+        return false;
+    // After a synchronous call libubus handles one message at a time.
+    while (!exchange.done_ && readable(socket(), Deadline::in(0))) {
+        ubus_handle_event(context);
+        if (context->sock.eof)
+            break;
+    }
+    if (hold.cut())
+        return false;
+    if (!exchange.done_ && context->sock.eof)
+        abort(exchange, UBUS_STATUS_CONNECTION_FAILED);
+    clean_ = exchange.done_ && !context->sock.eof && exchange.status_ != UBUS_STATUS_NO_MEMORY;
+    return true;
+}
+
+void BusConnection::abort(Exchange &exchange, int status) {
+    // Without the lock: it touches the list of this context, which is this thread's alone.
+    ubus_abort_request(pooled_->context, &exchange.request_);
+    exchange.end(status);
+}
+
 int BusConnection::invoke(uint32_t id, const char *method, blob_attr *message, ubus_data_handler_t on_data,
                           void *priv) {
-    ubus_context *context = pooled_->context;
-    const int socket = context->sock.fd;
     Exchange exchange;
-    {
-        BusHold hold(setup_);
-        if (!hold || !hold.guard(socket, setup_))
-            return UBUS_STATUS_TIMEOUT;
-        clean_ = false;
-        const int status = ubus_invoke_async_fd(context, id, method, message, &exchange.request, -1);
-        const bool cut = hold.cut();
-        if (status || cut)
-            return cut ? UBUS_STATUS_TIMEOUT : status;
-        exchange.request.data_cb = keep_reply;
-        exchange.request.complete_cb = keep_status;
-        exchange.request.priv = priv;
-        ubus_complete_request_async(context, &exchange.request);
-    }
-    while (!exchange.done) {
+    if (const int status = start(exchange, id, method, message, priv))
+        return status;
+    while (!exchange.done()) {
         // A limit that is over is over, however soon the reply came: a negative one never sees it.
-        bool cut = reply_.passed() || !readable(socket, reply_);
-        if (!cut) {
+        bool lost = reply_.passed() || !readable(socket(), reply_);
+        if (!lost) {
             BusHold hold(reply_);
-            cut = !hold || !hold.guard(socket, Deadline::sooner(reply_, Deadline::in(kMessageMs)));
-            // After a synchronous call libubus handles one message at a time.
-            while (!cut && !exchange.done && readable(socket, Deadline::in(0))) {
-                ubus_handle_event(context);
-                if (context->sock.eof)
-                    break;
-            }
-            if (!cut)
-                cut = hold.cut();
-            if (!cut && !exchange.done && context->sock.eof) {
-                ubus_abort_request(context, &exchange.request);
-                exchange.done = true;
-                exchange.status = UBUS_STATUS_CONNECTION_FAILED;
-            }
+            lost = !hold || !receive(hold, exchange, reply_);
         }
-        if (cut && !exchange.done) {
-            // Without the lock: it touches the list of this context, which is this thread's alone.
-            ubus_abort_request(context, &exchange.request);
-            deliver(exchange, on_data);
-            return UBUS_STATUS_TIMEOUT;
-        }
-        deliver(exchange, on_data);
+        if (lost && !exchange.done())
+            abort(exchange, UBUS_STATUS_TIMEOUT);
+        exchange.deliver(on_data);
     }
-    clean_ = !context->sock.eof && exchange.status != UBUS_STATUS_NO_MEMORY;
-    return exchange.status;
+    return exchange.status();
 }
 
 StatusText::StatusText(int status) {

@@ -1,149 +1,262 @@
 #include "ubus/loop.h"
 
-#include <poll.h>
+#include <stdlib.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 
 #include "core/log.h"
 #include "core/thread.h"
 #include "tavrik_sdk.h"
-#include "ubus/hold.h"
 #include "ubus/context_pool.h"
+#include "ubus/hold.h"
 #include "ubus/host_signals.h"
 
 using namespace tavrik;
 
+namespace tavrik {
+
+Mutex g_loop_mutex;
+
+} // namespace tavrik
+
 namespace {
 
-enum class ThreadState { none, running, asked_to_stop, left };
+// What a callback on the loop thread gets when the thread shall end.
+constexpr int kPatienceMs = 2000;
 
-struct {
-    Mutex start_stop; // one start or stop at a time; never taken by the loop thread
-    Mutex mutex;      // guards what follows
-    bool initialised;
-    ThreadState state;
-    pthread_t thread;
-    int wake = -1;
-} g_loop;
+Mutex g_start_stop;       // one start or stop at a time; never taken by the loop thread
+Loop *g_loop;             // the current one
+pthread_cond_t g_changed; // one has left
+bool g_uloop;             // uloop is initialised; guarded by the bus lock
 
-// The thread waits outside uloop, whose lists have no lock, and enters it under the bus lock when something happened.
-void *run_loop(void *) {
-    for (;;) {
-        {
-            BusHold hold(Deadline::in(kBusSetupMs));
-            if (hold)
-                uloop_run_timeout(0);
-        }
-        int wake;
-        {
-            Lock lock(g_loop.mutex);
-            if (g_loop.state == ThreadState::asked_to_stop) {
-                g_loop.state = ThreadState::left;
-                return nullptr;
-            }
-            wake = g_loop.wake;
-        }
-        pollfd wait = {wake, POLLIN, 0};
-        poll(&wait, 1, -1);
-        eventfd_t count;
-        if (wait.revents)
-            eventfd_read(wake, &count);
-    }
+void make_condition() {
+    pthread_condattr_t monotonic;
+    pthread_condattr_init(&monotonic);
+    pthread_condattr_setclock(&monotonic, CLOCK_MONOTONIC);
+    pthread_cond_init(&g_changed, &monotonic);
+    pthread_condattr_destroy(&monotonic);
 }
 
-// Takes the thread's end in, once it was asked to stop or has left. The caller has start_stop.
-void join_loop() {
-    {
-        Lock lock(g_loop.mutex);
-        if (g_loop.state == ThreadState::none)
-            return;
-    }
-    pthread_join(g_loop.thread, nullptr);
-    Lock lock(g_loop.mutex);
-    g_loop.state = ThreadState::none;
-    close(g_loop.wake);
-    g_loop.wake = -1;
+// A child after fork has no loop thread.
+void after_fork() {
+    g_start_stop = Mutex();
+    g_loop_mutex = Mutex();
+    g_loop = nullptr;
+    make_condition();
+}
+
+void set_up() {
+    make_condition();
+    pthread_atfork(nullptr, nullptr, after_fork);
 }
 
 int initialise() {
-    if (g_loop.initialised)
-        return 0;
     BusHold hold(Deadline::in(kBusSetupMs));
     if (!hold)
         return -1;
+    if (g_uloop)
+        return 0;
     HostSignals keep;
     if (uloop_init())
         return -1;
-    g_loop.initialised = true;
+    g_uloop = true;
     return 0;
 }
 
-} // namespace
-
-bool tavrik::on_loop_thread() {
-    Lock lock(g_loop.mutex);
-    return g_loop.state != ThreadState::none && pthread_equal(g_loop.thread, pthread_self());
-}
-
-void tavrik::wake_loop() {
-    Lock lock(g_loop.mutex);
-    if (g_loop.wake >= 0)
-        eventfd_write(g_loop.wake, 1);
-}
-
-int tavrik_ubus_init(void) {
-    Lock one(g_loop.start_stop);
-    return initialise();
-}
-
-void tavrik_ubus_deinit(void) {
-    tavrik_ubus_thread_deinit();
-    if (on_loop_thread())
-        return; // the thread cannot wait for its own end, and uloop is still in use below this call
-    Lock one(g_loop.start_stop);
-    join_loop();
+void release() {
     drain_pool();
     BusHold hold(Deadline::in(kBusSetupMs));
     if (!hold)
         return;
     uloop_done(); // connecting has initialised it even where nobody asked for it
-    g_loop.initialised = false;
+    g_uloop = false;
+}
+
+// Locked.
+bool is_own(const Loop *loop) {
+    return loop && !loop->left && pthread_equal(loop->thread, pthread_self());
+}
+
+void free_loop(Loop *loop) {
+    close(loop->events);
+    close(loop->wake);
+    free(loop);
+}
+
+// Leaves, if that is what the thread shall do and nothing is pending.
+bool leave(Loop &loop) {
+    bool abandoned, releases;
+    {
+        Lock lock(g_loop_mutex);
+        if (!loop.stop || loop.pending)
+            return false;
+        abandoned = loop.abandoned;
+        releases = loop.release;
+        loop.left = true;
+        pthread_cond_broadcast(&g_changed);
+    }
+    // From here on `loop` may be another's: who finds that the thread has left waits for its end alone.
+    if (releases)
+        release();
+    if (abandoned)
+        free_loop(&loop);
+    return true;
+}
+
+void *run_loop(void *argument) {
+    auto &loop = *static_cast<Loop *>(argument);
+    for (;;) {
+        {
+            BusHold hold(Deadline::in(kBusSetupMs));
+            if (hold && g_uloop)
+                uloop_run_timeout(0);
+        }
+        const Deadline next = end_due(loop);
+        if (leave(loop))
+            return nullptr;
+        epoll_event ready[16];
+        const int count = epoll_wait(loop.events, ready, sizeof ready / sizeof *ready, next.poll_ms());
+        for (int i = 0; i < count; ++i) {
+            eventfd_t times;
+            if (ready[i].data.ptr)
+                serve(loop, *static_cast<PendingRequest *>(ready[i].data.ptr));
+            else
+                eventfd_read(loop.wake, &times);
+        }
+    }
+}
+
+// The caller has g_start_stop, and there is no loop.
+bool start_loop() {
+    auto *loop = static_cast<Loop *>(calloc(1, sizeof(Loop)));
+    if (!loop)
+        return false;
+    loop->events = epoll_create1(EPOLL_CLOEXEC);
+    loop->wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    epoll_event watch = {};
+    watch.events = EPOLLIN;
+    Lock lock(g_loop_mutex); // so that the thread finds its own handle
+    if (loop->events < 0 || loop->wake < 0 || epoll_ctl(loop->events, EPOLL_CTL_ADD, loop->wake, &watch) ||
+        start_thread("tavrikuloop", run_loop, loop, &loop->thread)) {
+        free_loop(loop);
+        return false;
+    }
+    g_loop = loop;
+    return true;
+}
+
+// Waits until the thread has left, which what is pending and a callback may prevent for `ms`. The caller has
+// g_start_stop. True when there is no loop any more that one could wait for.
+bool end_loop(int ms) {
+    Loop *loop;
+    {
+        Lock lock(g_loop_mutex);
+        loop = g_loop;
+        if (!loop)
+            return true;
+        const timespec until = Deadline::in(ms).as_timespec();
+        while (!loop->left)
+            if (pthread_cond_timedwait(&g_changed, g_loop_mutex.native(), &until) == ETIMEDOUT)
+                break;
+        g_loop = nullptr;
+        if (!loop->left) {
+            loop->abandoned = true;
+            pthread_detach(loop->thread);
+            return false;
+        }
+    }
+    pthread_join(loop->thread, nullptr);
+    free_loop(loop);
+    return true;
+}
+
+} // namespace
+
+void tavrik::wake(const Loop &loop) {
+    eventfd_write(loop.wake, 1);
+}
+
+bool tavrik::on_loop_thread() {
+    Lock lock(g_loop_mutex);
+    return is_own(g_loop);
+}
+
+Loop *tavrik::lock_running_loop() {
+    for (;;) {
+        g_loop_mutex.lock();
+        if (g_loop && !g_loop->left && !g_loop->closing)
+            return g_loop;
+        g_loop_mutex.unlock();
+        const bool running = !tavrik_ubus_thread_init();
+        if (!running) {
+            g_loop_mutex.lock();
+            return nullptr;
+        }
+    }
+}
+
+int tavrik_ubus_init(void) {
+    return initialise();
+}
+
+void tavrik_ubus_deinit(void) {
+    {
+        Lock lock(g_loop_mutex);
+        if (is_own(g_loop)) { // the thread cannot wait for its own end, and uloop is still in use below this call
+            abort_pending(*g_loop);
+            g_loop->stop = g_loop->release = true;
+            return;
+        }
+    }
+    Lock one(g_start_stop);
+    {
+        Lock lock(g_loop_mutex);
+        if (g_loop) {
+            abort_pending(*g_loop);
+            g_loop->stop = g_loop->closing = true;
+            wake(*g_loop);
+        }
+    }
+    if (!end_loop(kPatienceMs))
+        TAVRIK_LOG_ERROR("callback does not end, left behind");
+    release();
 }
 
 int tavrik_ubus_thread_init(void) {
-    if (on_loop_thread()) {
-        Lock lock(g_loop.mutex);
-        if (g_loop.state == ThreadState::asked_to_stop)
-            g_loop.state = ThreadState::running;
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, set_up);
+    const auto revoke_stop = [] { // locked
+        g_loop->stop = g_loop->release = false;
         return 0;
-    }
-    Lock one(g_loop.start_stop);
+    };
     {
-        Lock lock(g_loop.mutex);
-        if (g_loop.state == ThreadState::asked_to_stop)
-            g_loop.state = ThreadState::running; // it has not left yet: the stop is revoked
-        if (g_loop.state == ThreadState::running)
-            return 0;
+        Lock lock(g_loop_mutex);
+        if (is_own(g_loop)) {
+            if (!g_loop->closing)
+                return revoke_stop();
+            TAVRIK_LOG_ERROR("the loop thread is being stopped");
+            return -1;
+        }
     }
-    join_loop();
-    const int wake = initialise() ? -1 : eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    Lock lock(g_loop.mutex);
-    g_loop.wake = wake;
-    if (wake < 0 || start_thread("tavrikuloop", run_loop, nullptr, &g_loop.thread)) {
-        if (wake >= 0)
-            close(wake);
-        g_loop.wake = -1;
+    Lock one(g_start_stop);
+    {
+        Lock lock(g_loop_mutex);
+        if (g_loop && !g_loop->left)
+            return revoke_stop();
+    }
+    end_loop(0);
+    if (initialise() || !start_loop()) {
         TAVRIK_LOG_ERROR("Failed to create thread for uloop_run");
         return -1;
     }
-    g_loop.state = ThreadState::running;
     return 0;
 }
 
 void tavrik_ubus_thread_deinit(void) {
-    Lock lock(g_loop.mutex);
-    if (g_loop.state == ThreadState::running) {
-        g_loop.state = ThreadState::asked_to_stop;
-        eventfd_write(g_loop.wake, 1);
+    Lock lock(g_loop_mutex);
+    if (g_loop && !g_loop->left) {
+        g_loop->stop = true;
+        wake(*g_loop);
     }
 }
 

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <dirent.h>
+#include <future>
 #include <gtest/gtest.h>
 #include <tuple>
 
@@ -62,10 +63,41 @@ int loop() {
     return result;
 }
 
+SmsMessage hello() {
+    SmsMessage message = {};
+    message.number[0] = '1';
+    message.text[0] = 'x';
+    message.length = 1;
+    return message;
+}
+
+int send_message() {
+    const SmsMessage message = hello();
+    return Tavrik_SMS_SendMsg(&message);
+}
+
+int send_message_later() {
+    const SmsMessage message = hello();
+    std::promise<int> ended;
+    const auto on_end = [](void *user, int status, int32_t) {
+        static_cast<std::promise<int> *>(user)->set_value(status ? -1 : 0);
+    };
+    const int result = Tavrik_SMS_SendMsg_AsyncEx(&message, 5000, on_end, &ended) ? -1 : ended.get_future().get();
+    tavrik_ubus_deinit();
+    return result;
+}
+
 const struct Operation {
     const char *name;
     int (*run)();
-} kOperations[] = {{"Send", send_at}, {"Reopen", reopen}, {"Mode", get_mode}, {"ModeAnew", get_mode_anew}, {"Keep", keep_reply}, {"Loop", loop}};
+} kOperations[] = {{"Send", send_at},
+                   {"Reopen", reopen},
+                   {"Mode", get_mode},
+                   {"ModeAnew", get_mode_anew},
+                   {"Keep", keep_reply},
+                   {"Loop", loop},
+                   {"Message", send_message},
+                   {"MessageLater", send_message_later}};
 
 const struct {
     const char *name;
@@ -104,7 +136,7 @@ TEST_P(Faults, AtEachCall) {
     printf("%d calls, %d of them end it\n", n - 1, failed);
 }
 
-INSTANTIATE_TEST_SUITE_P(, Faults, testing::Combine(testing::Range(0, 6), testing::Range(0, 6)), [](const auto &param) {
+INSTANTIATE_TEST_SUITE_P(, Faults, testing::Combine(testing::Range(0, 8), testing::Range(0, 6)), [](const auto &param) {
     return std::string(kOperations[std::get<0>(param.param)].name) + kKinds[std::get<1>(param.param)].name;
 });
 

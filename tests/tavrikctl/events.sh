@@ -17,7 +17,7 @@ done <<'END'
 +CLCC: 1,1,4,0,0,\"+4930\",145|{"event":"call","call":1,"state":"incoming","direction":"incoming","number":"+4930"}|call: id 1, state incoming, direction incoming, number +4930
 *ECALLDATA: 3,\"MSD\"|{"event":"ecall","value":3,"text":"MSD"}|ecall: value 3, text MSD
 +CALLDISCONNECT: 1,16|{"event":"call","call":1,"state":"ended"}|call: id 1, state ended
-+CMT: ,24\r\n07919421436587F9040B919421436587F90000429042418003000AE8329BFD4697D9EC37|{"event":"sms","number":"+49123456789","encoding":"7-bit","text":"hellohello"}|sms: from +49123456789, encoding 7-bit, text hellohello
++CMT: ,24\r\n07919421436587F9040B919421436587F90000429042418003000AE8329BFD4697D9EC37|{"event":"sms","number":"+49123456789","time":"2024-09-24T14:08:30Z","encoding":"7-bit","text":"hellohello"}|sms: from +49123456789, time 2024-09-24T14:08:30Z, encoding 7-bit, text hellohello
 END
 # The end of the eCall is an event besides, behind that of the call.
 json=${json/'"state":"ended"}'/'"state":"ended"}'$'\n''{"event":"ecall","value":-1,"text":"16"}'}
@@ -38,7 +38,7 @@ for ((i = 0; i < 100; i++)); do
 done
 [ "$(<"$printed")" = 'registration: domain EPS, state home' ] || { echo 'not flushed' && failed=1; }
 line '+CMT: ,22\r\n07919421436587F9040B919421436587F9000842904241800300060041001B0042'
-ended 0 $'registration: domain EPS, state home\nsms: from +49123456789, encoding UCS-2, text A?B\n'
+ended 0 $'registration: domain EPS, state home\nsms: from +49123456789, time 2024-09-24T14:08:30Z, encoding UCS-2, text A?B\n'
 
 # A burst beyond a socket's and the library's buffers; no more than wanted.
 monitor --json monitor --count 500

@@ -52,7 +52,9 @@ outside)
   expect 2 '' ecall start --manual --auto --msd 01
   expect 2 '' ecall config --t5 65536
   expect 2 '' ecall config --mode ET
-  for verb in 'dm info' 'dm mode' 'uim number' 'nw signal' 'pm lock' 'call watch' 'ecall start' 'monitor' 'at' 'log test'; do
+  expect 2 '' sms send
+  expect 2 '' sms send 1 x --timeout 60001
+  for verb in 'dm info' 'dm mode' 'uim number' 'nw signal' 'pm lock' 'call watch' 'ecall start' 'sms send' 'monitor' 'at' 'log test'; do
     # shellcheck disable=SC2086 # two words
     "$build/tavrikctl" $verb --help | grep -q '^Usage: tavrikctl' || { echo "$verb: no help" && failed=1; }
   done
@@ -68,6 +70,29 @@ outside)
   "$build/tavrik-sim" run -- "$0" "$build" events || failed=1
   "$build/tavrik-sim" run --scenario "${0%/*}/../../sim/scenarios/drive.json" -- "$0" "$build" drive || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" calls || failed=1
+  "$build/tavrik-sim" run -- "$0" "$build" sms || failed=1
+
+  # A call, and a message whose second part came first.
+  "$build/tavrik-sim" run --scenario "${0%/*}/../../sim/scenarios/conversation.json" -- \
+    "$build/tavrikctl" --json monitor --count 3 | diff - /dev/fd/3 3<<'END' || failed=1
+{"event":"call","call":1,"state":"incoming","direction":"incoming","number":"+4930901820"}
+{"event":"call","call":1,"state":"ended"}
+{"event":"sms","number":"Büro","time":"2024-09-24T14:08:30+02:00","parts":2,"encoding":"UCS-2","text":"Schade, Sie waren nicht da. Die Lieferung kommt später, um zehn nach acht, und kostet 12 €. Bitte lassen Sie das Tor offen 😀"}
+END
+
+  # Without a module.
+  expect 0 'Type: message
+From: +49123456789
+Time: 2024-09-24T14:08:30Z
+Encoding: 7-bit
+Text: hellohello
+Protocol: 0' sms decode 07919421436587F9040B919421436587F90000429042418003000AE8329BFD4697D9EC37
+  expect 0 '{"type":"report","number":"+49123456789","time":"2024-09-24T14:08:30+00:45","message":42,"status":48,"outcome":"still trying","sent":"2024-09-24T14:08:30-01:00"}' \
+    --json sms decode 07919471016705F0062A0B919421436587F9429042418003484290424180033030
+  expect 0 '{"type":"message","number":"+49172345678","time":"2024-09-24T14:08:30+02:00","parts":2,"encoding":"UCS-2","text":"A","part":1,"reference":42,"class":0,"protocol":0,"destination_port":2948,"source_port":9200}' \
+    --json sms decode 07919471016705F0440B919471325476F80018429042418003800E0B05040B8423F000032A02010041
+  expect 1 '' sms decode 0791
+  errors_match 'tavrikctl: sms decode: not a whole message that can be received\|$'
   exit $failed
   ;;
 empty)
@@ -78,7 +103,7 @@ empty)
   done
   exit $failed
   ;;
-radio | events | drive | calls)
+radio | events | drive | calls | sms)
   # shellcheck source=/dev/null
   [ "$place" = radio ] || . "${0%/*}/monitor.sh"
   # shellcheck source=/dev/null

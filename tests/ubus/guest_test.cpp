@@ -64,8 +64,10 @@ pid_t start_case(const char *name) {
     return pid;
 }
 
-// Never ends by itself: two threads in RIL calls, one in system().
+// Never ends by itself: two threads in RIL calls, one in system(), and the loop thread.
 TEST(Guest, DISABLED_Victim) {
+    Tavrik_Basic_Init(nullptr, nullptr);
+    tavrik_ubus_thread_init();
     std::vector<std::thread> threads;
     for (unsigned t = 0; t < 2; t++)
         threads.emplace_back([t] {

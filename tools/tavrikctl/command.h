@@ -95,6 +95,7 @@ Family log_family();
 Family monitor_family();
 Family nw_family();
 Family pm_family();
+Family sms_family();
 Family uim_family();
 
 struct Table {

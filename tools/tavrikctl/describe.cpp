@@ -136,7 +136,9 @@ std::string man_page(const Table &table) {
            "Drives the LTE module that it runs on, through the library that applications use. Every verb takes the "
            "options below as well.\n" +
            verbs + ".SH OPTIONS\n" + options +
-           ".SH EXIT STATUS\n0 when the work is done, 1 when it failed, 2 when the command line is wrong.\n"
+           ".SH EXIT STATUS\n0 when the work is done, 1 when it failed, 2 when the command line is wrong, 3 when no "
+           "answer came in "
+           "time, where that can be told.\n"
            ".SH SEE ALSO\ntavrik\\-sim, which runs a program, this one too, inside a simulated module.\n";
 }
 

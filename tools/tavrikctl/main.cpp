@@ -11,14 +11,12 @@
 namespace tavrikctl {
 namespace {
 
-enum { kDone = 0, kFailed = 1, kUsage = 2 };
-
 Table command_table() {
     return {{switch_option("--json", "Print JSON instead of text, an object a line"),
              number_option("--log", "MODE", "Where the library logs to; mode 0 goes to standard error here", 0, 3, "1"),
              switch_option("--version", "Print the version and exit"), switch_option("--help", "Print help and exit")},
-            {dm_family(), uim_family(), nw_family(), call_family(), ecall_family(), pm_family(), monitor_family(),
-             at_family(), log_family()}};
+            {dm_family(), uim_family(), nw_family(), call_family(), ecall_family(), sms_family(), pm_family(),
+             monitor_family(), at_family(), log_family()}};
 }
 
 CLI::Option *add(CLI::App &app, const Parameter &parameter) {
@@ -91,7 +89,7 @@ int run(const Verb &verb, const Arguments &arguments, const Arguments &options) 
         return kFailed;
     }
     Output output(file, options.has("--json"));
-    return verb.run(arguments, output) ? kDone : kFailed;
+    return verb.run(arguments, output) ? kDone : failure();
 }
 
 int command_line(int argc, char **argv) {

@@ -1,6 +1,7 @@
 // tavrikctl monitor: every event, a line each.
 #include "command.h"
 #include "level.h"
+#include "message.h"
 #include "names.h"
 #include "output.h"
 #include "watch.h"
@@ -17,21 +18,6 @@
 
 namespace tavrikctl {
 namespace {
-
-void put(Output &output, const SmsMessage &message) {
-    static const char *const kEncodings[] = {"7-bit", "8-bit", "UCS-2"};
-    const size_t length = std::min(size_t(std::max(message.length, 0)), sizeof message.text);
-    output.event("sms");
-    output.field("number", "from", std::string(message.number, strnlen(message.number, sizeof message.number)));
-    if (message.concat) {
-        output.field("part", "part", message.concat_seq);
-        output.field("parts", "of", message.concat_total);
-        output.field("reference", "reference", message.concat_ref);
-    }
-    if (message.encoding >= 0 && message.encoding < 3)
-        output.field("encoding", "encoding", kEncodings[message.encoding]);
-    output.field("text", "text", std::string(message.text, length));
-}
 
 void put(Output &output, const Tavrik_Call &call) {
     output.event("call");
@@ -161,8 +147,13 @@ void print(Fill fill) {
 void on_sms(int event, void *record) {
     if (event != 0)
         return;
-    const std::unique_ptr<SmsMessage, decltype(&free)> message(static_cast<SmsMessage *>(record), free);
-    print([&](Output &output) { put(output, *message); });
+    const std::unique_ptr<SmsMessage, decltype(&free)> owner(static_cast<SmsMessage *>(record), free);
+    Message message;
+    if (receive(*owner, message))
+        print([&](Output &output) {
+            output.event(message.detail.type == TAVRIK_SMS_REPORT ? "sms report" : "sms");
+            put(output, message);
+        });
 }
 
 void on_event(int event, void *record) {

@@ -1,5 +1,6 @@
 #include "output.h"
 
+#include <cctype>
 #include <unistd.h>
 
 namespace tavrikctl {
@@ -25,7 +26,7 @@ void Output::show(const char *label, const std::string &value) {
     if (one_line_)
         text_ += (text_.back() == ':' ? " " : ", ") + std::string(label) + " " + printable(value);
     else
-        text_ += std::string(label) + ": " + printable(value) + "\n";
+        text_ += char(toupper(*label)) + (std::string(label + 1) + ": " + printable(value) + "\n");
 }
 
 void Output::field(const char *key, const char *label, const std::string &value) {
@@ -69,9 +70,16 @@ bool Output::end() {
     return fflush(file_) == 0 && written;
 }
 
-bool fail(const std::string &what) {
+static int g_failure = kFailed;
+
+bool fail(const std::string &what, int code) {
+    g_failure = code;
     fprintf(stderr, "tavrikctl: %s\n", what.c_str());
     return false;
+}
+
+int failure() {
+    return g_failure;
 }
 
 } // namespace tavrikctl

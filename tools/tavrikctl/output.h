@@ -40,7 +40,11 @@ class Output {
     nlohmann::ordered_json record_ = nlohmann::ordered_json::object();
 };
 
-// "tavrikctl: WHAT" on standard error; the result is false, for `return fail(...)`.
-bool fail(const std::string &what);
+// How the program ends.
+enum { kDone = 0, kFailed = 1, kUsage = 2, kTimedOut = 3 };
+
+// "tavrikctl: WHAT" on standard error; the result is false, for `return fail(...)`. The program ends with `code` then.
+bool fail(const std::string &what, int code = kFailed);
+int failure();
 
 } // namespace tavrikctl

@@ -1,0 +1,5 @@
+#include "bench.h"
+
+std::vector<bench::Row> bench::pdu_rows() {
+    return {};
+}
