@@ -12,8 +12,8 @@
  * block the thread that makes them, and nothing else, for the time that is stated.
  *
  * Callbacks. Reply handlers of requests run on the thread that made the request, before the request returns; those of
- * indications on a thread of the library. They may call any operation unless its description says otherwise; the library
- * holds no lock while it runs one.
+ * indications on one thread of the library (`sdkind0306`), those of asynchronous requests on another (`tavrikuloop`).
+ * They may call any operation unless its description says otherwise; the library holds no lock while it runs one.
  *
  * The process. The library is a guest: it leaves signal dispositions as they are, raises no SIGPIPE, waits for no child
  * that it did not start, opens every descriptor close-on-exec, and never ends the process, with the one exception that
@@ -856,7 +856,8 @@ TAVRIK_API int Tavrik_DM_SetPhoneMode(int mode);
  * Switches automatic suspend on or off ("/sys/power/autosleep").
  *
  * @param on 0 off, anything else on.
- * @return 0; -1 when the shell cannot be started or reports an error of the write.
+ * @return 0; -1 when the shell cannot be started or reports an error of the write. A file that the system does not have
+ *         counts as written.
  *
  * Blocks: while the kernel takes the write. In a callback: yes.
  */
@@ -865,9 +866,10 @@ TAVRIK_API int Tavrik_DM_SetAutoSleep(int on);
 /**
  * Takes a wake lock ("/sys/power/wake_lock"): while one is held the module does not suspend by itself.
  *
- * @param name       1 to 97 characters without blanks, tabulators and line ends; a time-out takes its digits and seven of them.
+ * @param name       1 to 97 characters without blanks, tabulators and line ends, less the time-out's digits and seven.
  * @param timeout_ms after so many milliseconds the lock expires; 0 never. UINT32_MAX is refused.
- * @return 0; -1 for a refused argument and when the write fails.
+ * @return 0; -1 for a refused argument and when the write fails. A file that the system does not have counts as
+ * written.
  *
  * Blocks: while the kernel takes the write. In a callback: yes.
  */
@@ -1029,7 +1031,7 @@ TAVRIK_API int Tavrik_UIM_GetPhoneNum(int card, char *number, int *length);
  * Writes the own number to the card (AT+CNUM), with type 145 when it begins with a plus sign.
  *
  * @param card   0.
- * @param number decimal digits, a plus sign in front allowed: at most 51 characters, 47 with the plus sign. May be empty.
+ * @param number decimal digits, maybe behind a plus sign: at most 51 characters, 47 with the plus sign. May be empty.
  * @return 0; -1 for a refused argument (nothing is sent) and when the modem refuses.
  *
  * Blocks: as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_UIM_Init().
@@ -2051,20 +2053,20 @@ enum {
 
 /** All that a received message says. -1 stands for what it does not say, unless another value is stated. */
 typedef struct Tavrik_SmsDetail {
-    uint32_t size;            /**< sizeof(Tavrik_SmsDetail), set by the caller */
-    int32_t type;             /**< TAVRIK_SMS_DELIVER or TAVRIK_SMS_REPORT */
-    int64_t time;             /**< when the service centre got it: seconds since 1970-01-01 UTC, or TAVRIK_SMS_NO_TIME */
-    int64_t discharge_time;   /**< of a report: when the outcome was known; as `time` */
-    int32_t zone;             /**< minutes by which the service centre's local time is ahead of UTC; 0 without a time */
-    int32_t discharge_zone;   /**< the same for `discharge_time` */
-    int32_t encoding;         /**< TAVRIK_SMS_7BIT, _8BIT (data, and compressed text) or _UCS2 */
-    int32_t message_class;    /**< 0 to 3; 0 is shown at once and not stored */
-    int32_t protocol;         /**< protocol identifier (3GPP TS 23.040, clause 9.2.3.9) */
-    int32_t source_port;      /**< application port, 0 to 65535 */
-    int32_t destination_port; /**< application port, 0 to 65535 */
-    int32_t reference;        /**< shared by the parts of a longer message, 0 to 65535 */
-    int32_t sequence;         /**< number of this part, 1 to `total`; 0 when it is no part */
-    int32_t total;            /**< number of parts, 1 to 255; 0 when it is no part */
+    uint32_t size;          /**< sizeof(Tavrik_SmsDetail), set by the caller */
+    int32_t type;           /**< TAVRIK_SMS_DELIVER or TAVRIK_SMS_REPORT */
+    int64_t time;           /**< when the service centre got it: seconds since 1970-01-01 UTC, or TAVRIK_SMS_NO_TIME */
+    int64_t discharge_time; /**< of a report: when the outcome was known; as `time` */
+    int32_t zone;           /**< minutes by which the service centre's local time is ahead of UTC; 0 without a time */
+    int32_t discharge_zone; /**< the same for `discharge_time` */
+    int32_t encoding;       /**< TAVRIK_SMS_7BIT, _8BIT (data, and compressed text) or _UCS2 */
+    int32_t message_class;  /**< 0 to 3; 0 is shown at once and not stored */
+    int32_t protocol;       /**< protocol identifier (3GPP TS 23.040, clause 9.2.3.9) */
+    int32_t source_port;    /**< application port, 0 to 65535 */
+    int32_t destination_port;  /**< application port, 0 to 65535 */
+    int32_t reference;         /**< shared by the parts of a longer message, 0 to 65535 */
+    int32_t sequence;          /**< number of this part, 1 to `total`; 0 when it is no part */
+    int32_t total;             /**< number of parts, 1 to 255; 0 when it is no part */
     int32_t message_reference; /**< of a report: that of the message sent, 0 to 255 */
     int32_t status;            /**< of a report: 0 to 255 (3GPP TS 23.040, clause 9.2.3.15); 0 is delivered */
     int32_t length;            /**< bytes of `text`, without its terminating zero */

@@ -47,7 +47,7 @@ struct Wait {
 struct Run {
     int slot;
     uint64_t number; // counts up from 1; 0 for the loop thread's
-    Reader *reader; // of the thread, if it is an indication thread
+    Reader *reader;  // of the thread, if it is an indication thread
     pthread_t thread;
     bool left_behind;
     const Wait *excused; // this wait does not wait for it

@@ -4,9 +4,10 @@
 
 namespace {
 
-int reg(int category, Tavrik_IndicationCb callback, const char *failure,
-        tavrik::Site site = tavrik::Site::here()) {
-    const char *problem = !callback ? "Parameter input error!" : tavrik_indication_register(category, callback) ? failure : nullptr;
+int reg(int category, Tavrik_IndicationCb callback, const char *failure, tavrik::Site site = tavrik::Site::here()) {
+    const char *problem = !callback                                        ? "Parameter input error!"
+                          : tavrik_indication_register(category, callback) ? failure
+                                                                           : nullptr;
     if (problem)
         tavrik::log(tavrik::Level::error, site, "%s", problem);
     return problem ? -1 : 0;
@@ -19,7 +20,8 @@ int Tavrik_NW_Cb_Reg(Tavrik_NwCb callback) {
 }
 
 int Tavrik_NW_Cb_Reg_Ext(Tavrik_CellCb callback) {
-    return reg(TAVRIK_IND_CELL, reinterpret_cast<Tavrik_IndicationCb>(callback), "cell info indication register failed");
+    return reg(TAVRIK_IND_CELL, reinterpret_cast<Tavrik_IndicationCb>(callback),
+               "cell info indication register failed");
 }
 
 int Tavrik_NW_Cb_Free(void) {

@@ -12,7 +12,8 @@
 using namespace tavrik;
 
 static_assert(offsetof(Tavrik_Signal, rsrp) == 2 && offsetof(Tavrik_Signal, rsrq) == 4 &&
-                  offsetof(Tavrik_Signal, sinr) == 6 && offsetof(Tavrik_Signal, cqi) == 8 && sizeof(Tavrik_Signal) == 10,
+                  offsetof(Tavrik_Signal, sinr) == 6 && offsetof(Tavrik_Signal, cqi) == 8 &&
+                  sizeof(Tavrik_Signal) == 10,
               "applications are built with this layout");
 
 namespace {

@@ -23,7 +23,7 @@ struct {
     Mutex mutex;
     PooledContext *idle;
     int idle_count;
-    PooledContext *dead;    // to be freed by whoever has the bus lock next
+    PooledContext *dead;                      // to be freed by whoever has the bus lock next
     char path[sizeof(sockaddr_un::sun_path)]; // where the daemon of the first context listens, empty until then
 } g_pool;
 

@@ -2,7 +2,6 @@
 #include "core/log.h"
 #include "tavrik_sdk.h"
 
-
 using namespace tavrik;
 
 int Tavrik_UIM_Init_Ex(Tavrik_SimCb callback) {

@@ -90,14 +90,9 @@ int send_message_later() {
 const struct Operation {
     const char *name;
     int (*run)();
-} kOperations[] = {{"Send", send_at},
-                   {"Reopen", reopen},
-                   {"Mode", get_mode},
-                   {"ModeAnew", get_mode_anew},
-                   {"Keep", keep_reply},
-                   {"Loop", loop},
-                   {"Message", send_message},
-                   {"MessageLater", send_message_later}};
+} kOperations[] = {
+    {"Send", send_at},    {"Reopen", reopen}, {"Mode", get_mode},        {"ModeAnew", get_mode_anew},
+    {"Keep", keep_reply}, {"Loop", loop},     {"Message", send_message}, {"MessageLater", send_message_later}};
 
 const struct {
     const char *name;

@@ -47,7 +47,8 @@ bool fails() {
     return kind == faults::eintr || kind == faults::eagain || kind == faults::emfile;
 }
 
-template <class Function> Function next(const char *name) {
+template <class Function>
+Function next(const char *name) {
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 

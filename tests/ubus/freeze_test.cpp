@@ -37,9 +37,12 @@ TEST(Freeze, AtEachPlaceOfAnExchange) {
         int whole;
         bool half;
     } places[] = {
-        {"before the greeting", 0, false},       {"in the greeting", 0, true},
-        {"after the greeting", 1, false},        {"in the look-up's data", 1, true},
-        {"in the look-up's status", 2, true},    {"in half a reply", 3, true},
+        {"before the greeting", 0, false},
+        {"in the greeting", 0, true},
+        {"after the greeting", 1, false},
+        {"in the look-up's data", 1, true},
+        {"in the look-up's status", 2, true},
+        {"in half a reply", 3, true},
         {"after a whole reply, no status", 4, false},
     };
     FreezingProxy proxy(kBusPath);

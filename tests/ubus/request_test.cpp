@@ -140,7 +140,10 @@ TEST_F(Request, OfAnyObject) {
         const char *object, *method, *lines[2];
     } failures[] = {
         {&message, "nosuch", "x", {"ubus_lookup_id fail Not found!", "exit fail Not found!"}},
-        {nullptr, "ril", "nosuch", {"ubus_invoke config_dspgain failed Method not found", "exit fail Method not found!"}},
+        {nullptr,
+         "ril",
+         "nosuch",
+         {"ubus_invoke config_dspgain failed Method not found", "exit fail Method not found!"}},
         {&message, nullptr, "x", {"Parameter input error", ""}},
     };
     for (const auto &f : failures) {
