@@ -62,7 +62,7 @@ static void on_sms(int event, void *data) {
     if (Tavrik_SMS_CurrentPdu(pdu, sizeof pdu) != 0 || Tavrik_SMS_Decode(pdu, &part) != 0)
         return;
     if (part.total > 1)
-        printf("Part %d of %d from %s\n", (int)part.sequence, (int)part.total, part.number);
+        printf("Message %d of %d from %s\n", (int)part.sequence, (int)part.total, part.number);
     if (part.type != TAVRIK_SMS_DELIVER || Tavrik_SMS_Join(&part, &text, NULL) != 1)
         return;
     printf("From %s: %s\n", part.number, text);

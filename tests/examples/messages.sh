@@ -3,8 +3,8 @@
 #   messages.sh PROGRAM [ARGUMENT]...
 set -eu
 printed=$("$@")
-[ "$(echo "$printed" | head -n 3)" = 'Part 2 of 2 from +49301
-Part 1 of 2 from +49301
+[ "$(echo "$printed" | head -n 3)" = 'Message 2 of 2 from +49301
+Message 1 of 2 from +49301
 From +49301: Schade, Sie waren nicht da. Die Lieferung kommt später, um zehn nach acht, und kostet 12 €. Bitte das Tor offen lassen 😀' ]
 [ "$(echo "$printed" | tail -n +4 | sort)" = 'PDU: result 0
 Text: result 0' ]
