@@ -54,10 +54,7 @@ class Module {
 
 Module::Module(const ModuleOptions &options)
     : context_(options, now_ms),
-      clock_timer_([this] {
-          context_.clock.run();
-          context_.clock.on_plan();
-      }),
+      clock_timer_([this] { context_.clock.run(); }),
       begin_timer_([this] { begin(); }),
       call_timer_([this] { make_call(); }),
       taps_(context_) {

@@ -19,6 +19,8 @@ void Clock::advance(int64_t ms) {
         node.mapped()();
     }
     offset_ += std::max<int64_t>(0, target - now());
+    if (on_plan) // what is left is nearer now
+        on_plan();
 }
 
 void Clock::reset() {

@@ -166,12 +166,15 @@ TEST(Clock, RunsWhatIsDueAtItsOwnMoment) {
     });
     clock.after(31, [&] { ran.emplace_back(31, clock.now()); });
     EXPECT_EQ(clock.next(), 10);
+    int64_t planned = -1; // by whoever wakes the clock
+    clock.on_plan = [&] { planned = clock.next(); };
     time += 5;
     clock.run();
     EXPECT_TRUE(ran.empty());
     clock.advance(25);
     EXPECT_EQ(ran, (std::vector<std::pair<int, int64_t>>{{10, 10}, {25, 25}, {30, 30}}));
     EXPECT_EQ(clock.now(), 30);
+    EXPECT_EQ(planned, 1);
     clock.reset();
     EXPECT_EQ(clock.next(), -1);
     EXPECT_EQ(clock.now(), 0);
