@@ -36,6 +36,7 @@ struct Setup {
     pthread_mutex_t mutex;
     pthread_cond_t ended;
     Deadline deadline;
+    bool inside; // ubus_connect, with the bus lock held
     bool done;
     bool abandoned;
     ubus_context *context;
@@ -96,7 +97,11 @@ void *run_setup(void *argument) {
     bool abandoned;
     {
         BusHold hold(setup->deadline);
-        if (hold && daemon_greets(setup->deadline)) {
+        const bool ready = hold && daemon_greets(setup->deadline);
+        pthread_mutex_lock(&setup->mutex);
+        setup->inside = ready && !setup->abandoned;
+        pthread_mutex_unlock(&setup->mutex);
+        if (setup->inside) { // which this thread alone changes
             HostSignals keep;
             context = ubus_connect(nullptr);
         }
@@ -106,6 +111,7 @@ void *run_setup(void *argument) {
         }
         pthread_mutex_lock(&setup->mutex);
         abandoned = setup->abandoned;
+        setup->inside = false;
         setup->done = true;
         setup->context = context;
         pthread_cond_signal(&setup->ended);
@@ -190,6 +196,8 @@ ubus_context *connect_context(Deadline deadline) {
     }
     ubus_context *context = setup->context;
     const bool done = setup->done;
+    if (setup->inside)
+        mend_host_signals(); // a daemon that was stopped just now keeps the thread there until it goes on
     pthread_mutex_unlock(&setup->mutex);
     if (done)
         free_setup(setup);

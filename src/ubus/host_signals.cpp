@@ -3,9 +3,12 @@
 #include <dlfcn.h>
 
 #include "bus.h"
+#include "core/sync.h"
 
 namespace tavrik {
 namespace {
+
+Mutex g_mutex; // guards what follows
 
 struct Watched {
     int signal;
@@ -45,12 +48,14 @@ bool must_go(Watched &watched) {
 void mend_host_signals() {
     struct sigaction standard = {};
     standard.sa_handler = SIG_DFL;
+    Lock lock(g_mutex);
     for (Watched &watched : g_watched)
         if (must_go(watched))
             sigaction(watched.signal, &standard, nullptr);
 }
 
 void keep_host_signals() {
+    Lock lock(g_mutex);
     for (Watched &watched : g_watched)
         if (must_go(watched)) {
             watched.host_has_default = false;
@@ -61,6 +66,7 @@ void keep_host_signals() {
 HostSignals::HostSignals() {
     // A running uloop would otherwise wait for, and so take away, every child of the host.
     uloop_handle_sigchld = false;
+    Lock lock(g_mutex);
     for (Watched &watched : g_watched) {
         struct sigaction before;
         if (sigaction(watched.signal, nullptr, &before))

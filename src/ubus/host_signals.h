@@ -1,7 +1,7 @@
 // The host program's signal dispositions, kept as they were around uloop's initialisation.
 //
 // uloop_init, and with it each ubus_connect, installs handlers for SIGINT and SIGTERM where they were default, and
-// ignores SIGPIPE. All of this is used with the bus lock held.
+// ignores SIGPIPE. HostSignals is used with the bus lock held.
 #pragma once
 
 #include <signal.h>
@@ -21,7 +21,8 @@ class HostSignals {
 };
 
 // system() in another thread may have saved uloop's handler in the instant before it was taken away, and brings it
-// back when its command ends. Called whenever the bus lock is taken: takes such a handler away again.
+// back when its command ends. Called whenever the bus lock is taken, and when a thread is left behind inside
+// ubus_connect: takes such a handler away again.
 void mend_host_signals();
 
 // The application leaves a stretch in which it had the lock itself: handlers of uloop that stand now are its own wish.

@@ -20,7 +20,7 @@ void uim_imsi_request_cb(ubus_request *, int, blob_attr *message) {
 
 void uim_phonenum_request_cb(ubus_request *, int, blob_attr *message) {
     const RilReply reply(message);
-    if (usable(reply, kAnyRequest) &&
-        strnlen(static_cast<const char *>(reply.data), reply.length) >= TAVRIK_NUMBER_SIZE)
+    const auto *number = static_cast<const char *>(reply.data);
+    if (usable(reply, kAnyRequest) && number && strnlen(number, reply.length) >= TAVRIK_NUMBER_SIZE)
         TAVRIK_LOG_ERROR("phone number too long");
 }

@@ -64,6 +64,14 @@ pid_t start_case(const char *name) {
     return pid;
 }
 
+// The thread sanitizer has dispositions of its own beside the kernel's, of which system() knows nothing: a handler that
+// it brings back there stands unseen, and swallows all signals.
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define system(command) usleep(1000)
+#endif
+#endif
+
 // Never ends by itself: two threads in RIL calls, one in system(), and the loop thread.
 TEST(Guest, DISABLED_Victim) {
     Tavrik_Basic_Init(nullptr, nullptr);
@@ -80,6 +88,8 @@ TEST(Guest, DISABLED_Victim) {
         usleep(5000);
     }
 }
+
+#undef system
 
 TEST(Guest, DiesBySigint) {
     std::mt19937 random(std::random_device{}());
