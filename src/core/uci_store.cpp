@@ -68,7 +68,7 @@ struct Bytes {
 class Temporary {
   public:
     Temporary(const char *folder, const char *name) {
-        snprintf(path_, sizeof path_, "%s/.%s.uci-XXXXXX", folder, name);
+        snprintf(path_, sizeof path_, "%.60s/.%.40s.uci-XXXXXX", folder, name);
         fd_.reset(mkostemp(path_, O_CLOEXEC));
     }
     ~Temporary() {
@@ -95,7 +95,7 @@ class Temporary {
     }
 
   private:
-    char path_[96];
+    char path_[128];
     Fd fd_;
 };
 
