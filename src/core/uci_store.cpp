@@ -104,6 +104,14 @@ class LockedFile {
     int get() const { return fd_.get(); }
     bool held() const { return held_; }
     bool taken() const { return fd_ && !held_; } // by another
+    // libuci reads again for ever what cannot be read.
+    bool bad() const {
+        char part[512];
+        ssize_t n;
+        while ((n = read(fd_.get(), part, sizeof part)) > 0 || (n < 0 && errno == EINTR)) {
+        }
+        return fd_ && n < 0;
+    }
 
   private:
     const Fd fd_;
@@ -290,6 +298,8 @@ bool UciStore::load(const char *package) {
         log(Level::error, site_, "uci: %s is locked", path_);
         return false;
     }
+    if (file.bad() || delta.bad())
+        return false;
     return !uci_load(context_, whole_path ? path_ : name_, &package_);
 }
 
