@@ -106,11 +106,11 @@ class LockedFile {
     bool taken() const { return fd_ && !held_; } // by another
     // libuci reads again for ever what cannot be read.
     bool bad() const {
-        char part[512];
-        ssize_t n;
-        while ((n = read(fd_.get(), part, sizeof part)) > 0 || (n < 0 && errno == EINTR)) {
-        }
-        return fd_ && n < 0;
+        char part[1024];
+        ssize_t n = fd_ ? ssize_t(sizeof part) : 0;
+        while (n == ssize_t(sizeof part) || (n < 0 && errno == EINTR))
+            n = read(fd_.get(), part, sizeof part);
+        return n < 0;
     }
 
   private:
@@ -130,11 +130,12 @@ struct Bytes {
         struct stat st;
         if (!fd || fstat(fd.get(), &st) || !(data = static_cast<char *>(malloc(size_t(st.st_size) + 1))))
             return false;
-        for (ssize_t n; (n = read(fd.get(), data + length, size_t(st.st_size) - length)) != 0;)
-            if (n > 0)
-                length += size_t(n);
-            else if (errno != EINTR)
+        while (length < size_t(st.st_size)) {
+            const ssize_t n = read(fd.get(), data + length, size_t(st.st_size) - length);
+            if (n == 0 || (n < 0 && errno != EINTR))
                 return false;
+            length += n > 0 ? size_t(n) : 0;
+        }
         return true;
     }
 
@@ -174,9 +175,8 @@ bool has_room(const char *folder, const char *package, size_t size) {
     return !error || error == EOPNOTSUPP; // where it cannot be known
 }
 
-bool reserve(int fd, size_t size) {
-    struct stat st;
-    return !fstat(fd, &st) && (!fallocate(fd, FALLOC_FL_KEEP_SIZE, st.st_size, off_t(size)) || errno == EOPNOTSUPP);
+bool reserve(int fd, int64_t from, size_t size) {
+    return !fallocate(fd, FALLOC_FL_KEEP_SIZE, off_t(from), off_t(size)) || errno == EOPNOTSUPP;
 }
 
 void sync_folder_of(const char *path) {
@@ -188,13 +188,17 @@ void sync_folder_of(const char *path) {
 // A second name of the file while a new one takes its place: to put it back needs no room, and cannot fail halfway.
 class Backup {
   public:
-    Backup(const char *path, const char *package)
+    Backup(const char *path, const char *package, const struct stat &before)
         : path_(path),
-          kept_(Path::temporary(Path::folder_of(path).text, package, "before")) {
-        unlink(kept_.text); // of one that was killed
-        there_ = !linkat(AT_FDCWD, path, AT_FDCWD, kept_.text, AT_SYMLINK_FOLLOW) && !stat(kept_.text, &before_);
+          kept_(Path::temporary(Path::folder_of(path).text, package, "before")),
+          before_(before) {
+        const auto keep = [this] { return !linkat(AT_FDCWD, path_, AT_FDCWD, kept_.text, AT_SYMLINK_FOLLOW); };
+        there_ = keep() || (errno == EEXIST && !unlink(kept_.text) && keep()); // of one that was killed
     }
-    ~Backup() { unlink(kept_.text); }
+    ~Backup() {
+        if (there_)
+            unlink(kept_.text);
+    }
     Backup(const Backup &) = delete;
     Backup &operator=(const Backup &) = delete;
     explicit operator bool() const { return there_; }
@@ -202,7 +206,7 @@ class Backup {
         struct stat now;
         return !stat(path_, &now) && (now.st_ino != before_.st_ino || now.st_dev != before_.st_dev);
     }
-    bool put_back() {
+    bool put_back() const {
         char *const real = realpath(path_, nullptr);
         const bool done = real && !rename(kept_.text, real);
         free(real);
@@ -213,7 +217,7 @@ class Backup {
   private:
     const char *const path_;
     const Path kept_;
-    struct stat before_ = {};
+    const struct stat &before_;
     bool there_;
 };
 
@@ -419,21 +423,24 @@ UciStore::Written UciStore::write() {
     size_t room = kSpare;
     for (const Change *change = changes_; change; change = change->next)
         room += 64 + strlen(change->section) + 4 * strlen(change->value); // a quote takes four bytes
-    struct stat st;
     int64_t staged = 0;
-    if (stat(path_, &st) || !has_room(kFolder, name_, size_t(st.st_size) + room))
-        return cannot();
     if (*delta_) {
-        mkdir(kDeltaFolder, UCI_DIRMODE);
         const LockedFile delta(delta_, O_WRONLY | O_CREAT, LOCK_EX, deadline_);
-        if (!delta.held() || fstat(delta.get(), &st) || !reserve(delta.get(), room))
+        struct stat st;
+        if (!delta.held() || fstat(delta.get(), &st) || !reserve(delta.get(), st.st_size, room))
             return cannot();
         staged = st.st_size;
     }
-    // libuci takes this lock again, without limit: it must be seen free, though it cannot be kept.
-    if (!LockedFile(path_, O_RDWR, LOCK_EX, deadline_).held())
+    struct stat before;
+    {
+        // libuci takes this lock again, without limit: it must be seen free, though it cannot be kept.
+        const LockedFile file(path_, O_RDWR, LOCK_EX, deadline_);
+        if (!file.held() || fstat(file.get(), &before))
+            return cannot();
+    }
+    if (!has_room(kFolder, name_, size_t(before.st_size) + room))
         return cannot();
-    Backup backup(path_, name_);
+    const Backup backup(path_, name_, before);
     if (!backup)
         return cannot();
 
@@ -448,6 +455,7 @@ UciStore::Written UciStore::write() {
         return Written::yes;
     }
     // What was staged for this commit must not come into force some day.
+    struct stat st;
     if (*delta_ && !stat(delta_, &st) && st.st_size > staged && truncate(delta_, off_t(staged)))
         log(Level::warning, site_, "uci: %s keeps what was not committed", delta_);
     if (failed)
@@ -467,6 +475,8 @@ UciStore::Written UciStore::cannot() {
 }
 
 int UciStore::commit() {
+    if (*delta_)
+        mkdir(kDeltaFolder, UCI_DIRMODE);
     deadline_ = Deadline::in(kUciLockMs);
     Written written = Written::no;
     for (int attempt = 0; package_ && !refused_ && attempt < kAttempts; ++attempt) {
