@@ -9,9 +9,12 @@ const ServiceRow service_rows[] = {
     {"power", make_power, false},
     {"etc", make_etc, false},
     {"tmp", make_tmp, false},
+    {"links", make_links, false},
     {"mwlan", make_wifi, false},
     {"ril", make_ril, true},
     {"sms", make_sms, true},
+    {"network", make_network, true},
+    {"network.interface", make_network_interface, true},
     {"tavrik.sim", make_bus_control, true},
     {nullptr, nullptr, false},
 };
