@@ -105,7 +105,7 @@ int Tavrik_DataCall_Init(Tavrik_DataCb callback) {
         TAVRIK_LOG_WARNING("datacall has been already inited");
         return 0;
     }
-    for (const char *package : {"data_profile", "data_statistics", "network", "dhcp"})
+    for (const char *package : {"data_profile", kStatistics, "network", "dhcp"})
         UciStore::remove_leftovers(package);
     if (!file_is_there("/etc/config/data_profile", 0600) || !file_is_there(kStatistics, 0644))
         return -1;
