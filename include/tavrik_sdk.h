@@ -1705,7 +1705,7 @@ typedef struct Tavrik_DataProfile {
  *         new index may leave its section without options. So for index 0 when a section without a number for a name
  *         stands in its place.
  *
- * Blocks: as long as the disk; 5 s for each of up to ten waits while others keep the file locked. In a callback: yes.
+ * Blocks: as long as the disk; 10 s while others keep the file locked, 15 s for a new index. In a callback: yes.
  */
 TAVRIK_API int Tavrik_DataCall_SetProfile(const Tavrik_DataProfile *profile);
 
@@ -1716,7 +1716,7 @@ TAVRIK_API int Tavrik_DataCall_SetProfile(const Tavrik_DataProfile *profile);
  * @param[out] profile the profile; all of it 0, save the index, when there is none. Texts are cut to 63 bytes.
  * @return 0, whether there is one or not; -1 when `profile` is NULL or the file cannot be read.
  *
- * Blocks: as long as the disk; 10 s while others keep the file locked. In a callback: yes.
+ * Blocks: as long as the disk; 5 s while others keep the file locked. In a callback: yes.
  */
 TAVRIK_API int Tavrik_DataCall_GetProfile(int profile_idx, Tavrik_DataProfile *profile);
 
@@ -1819,7 +1819,7 @@ TAVRIK_API int Tavrik_DataCall_Destroy(void);
  *         when the APN has a quote or a control byte (nothing is sent), and when a command fails. After a refused
  *         activation the context stays defined.
  *
- * Blocks: twice as Tavrik_AT_Send() with 2 s; 10 s while others keep the profiles locked. In a callback: yes. Before
+ * Blocks: twice as Tavrik_AT_Send() with 2 s; 5 s while others keep the profiles locked. In a callback: yes. Before
  * it: Tavrik_DataCall_Init() or Tavrik_AT_Init().
  */
 TAVRIK_API int Tavrik_DataCall_Start(const Tavrik_DataCallReq *request, int *error);
@@ -1886,7 +1886,7 @@ typedef struct Tavrik_PdpText {
  * @param type    not looked at.
  * @param message the reply, whatever it holds, or NULL.
  *
- * Block: DataCall_Init_cb 10 s while others keep the profiles locked; DataCall_Start_cb as data_config_ip_info() and
+ * Block: DataCall_Init_cb 5 s while others keep the profiles locked; DataCall_Start_cb as data_config_ip_info() and
  * as Tavrik_DataCall_SetProfile(). In a callback: they are one; on the loop thread other asynchronous requests wait
  * meanwhile. Not between tavrik_ubus_lock() and tavrik_ubus_unlock().
  */

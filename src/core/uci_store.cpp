@@ -65,6 +65,7 @@ bool take_turn(Deadline deadline) {
     --g_turn.waiting;
     const bool mine = g_turn.handed_over;
     g_turn.handed_over = false;
+    errno = ETIMEDOUT;
     return mine;
 }
 
@@ -82,8 +83,10 @@ bool locked(int fd, int how, Deadline deadline) {
     while (flock(fd, how | LOCK_NB)) {
         if (errno != EWOULDBLOCK && errno != EINTR)
             return true;
-        if (deadline.passed())
+        if (deadline.passed()) {
+            errno = ETIMEDOUT;
             return false;
+        }
         nanosleep(&kPause, nullptr);
     }
     return true;
@@ -257,7 +260,9 @@ UciLock::UciLock(Deadline deadline) : held_(take_turn(deadline)) {
     folder_.reset(open(kFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (folder_ ? !locked(folder_.get(), LOCK_EX, deadline) : errno != ENOENT) {
         held_ = false;
+        const int error = errno;
         end_turn();
+        errno = error;
     }
 }
 
@@ -271,7 +276,8 @@ UciLock::~UciLock() {
 
 UciStore::UciStore(Site site) : site_(site), lock_(deadline_) {
     if (!lock_)
-        log(Level::error, site_, "uci: another user does not come to an end");
+        log(Level::error, site_, "uci: %s",
+            errno == ETIMEDOUT ? "another user does not come to an end" : strerror(errno));
     else
         open_context();
 }

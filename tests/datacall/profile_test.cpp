@@ -1,4 +1,5 @@
 // Profiles in the uci package data_profile, compared with files and with what the uci program reads.
+#include "support/descriptors.h"
 #include "support/shell.h"
 #include "support/sim.h"
 
@@ -16,10 +17,7 @@ namespace {
 using nlohmann::json;
 
 constexpr char kFile[] = "/etc/config/data_profile", kStaged[] = "/tmp/.uci/data_profile";
-constexpr char kNoSection[] = "Tavrik_DataCall_GetProfile: LINE, no such profile_idx\n",
-               kMissing[] = "warn Tavrik_DataCall_GetProfile: lookup option faild\n",
-               kRefused[] = "Tavrik_DataCall_SetProfile: error parameter\n",
-               kNotCommitted[] = "Tavrik_DataCall_SetProfile: uci: /etc/config/data_profile not committed: ";
+constexpr char kNotCommitted[] = "Tavrik_DataCall_SetProfile: uci: /etc/config/data_profile not committed: ";
 
 Tavrik_DataProfile profile(unsigned index, unsigned type, const char *apn, unsigned auth, const char *user,
                            const char *password) {
@@ -134,29 +132,54 @@ TEST_F(Profile, IsRefused) {
                 {"authentication", profile(3, 0, "a", 4, "", "")},
                 {"-1", profile(3, UINT_MAX, "a", 0, "", "")},
                 {"control byte", profile(3, 0, "a", 0, "", "\x01")}};
-    const std::string before = section("3", kOptions);
+    const std::string before = section("3", kOptions), refused = "Tavrik_DataCall_SetProfile: error parameter\n";
     put(before);
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
-        EXPECT_EQ(set(&row.given, -1), kRefused);
+        EXPECT_EQ(set(&row.given, -1), refused);
         EXPECT_EQ(read_file(kFile), before);
     }
-    EXPECT_EQ(set(nullptr, -1), kRefused);
+    EXPECT_EQ(set(nullptr, -1), refused);
 
-    sim::call("uci", {{"package", "data_profile"}});
-    int result = 77;
+    // Neither file nor lock.
     Tavrik_DataProfile got = kProfile;
-    EXPECT_EQ(log_of([&] { result = Tavrik_DataCall_SetProfile(&kProfile); }),
-              "Tavrik_DataCall_SetProfile: uci_load failed.\n");
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(log_of([&] { result = Tavrik_DataCall_GetProfile(3, &got); }),
-              "Tavrik_DataCall_GetProfile: uci_load failed.\n");
-    EXPECT_EQ(result, -1);
+    const auto call = [&] {
+        EXPECT_EQ(Tavrik_DataCall_SetProfile(&kProfile), -1);
+        EXPECT_EQ(Tavrik_DataCall_GetProfile(3, &got), -1);
+        EXPECT_EQ(Tavrik_DataCall_DeleteProfile(3), -1);
+    };
+    EXPECT_EQ(log_of([&] {
+                  const NoDescriptors none;
+                  call();
+              }),
+              "Tavrik_DataCall_SetProfile: uci: Too many open files\n"
+              "Tavrik_DataCall_SetProfile: uci_alloc_context faild\n"
+              "Tavrik_DataCall_GetProfile: uci: Too many open files\n"
+              "Tavrik_DataCall_GetProfile: uci_alloc_context faild\n"
+              "Tavrik_DataCall_DeleteProfile: uci: Too many open files\n"
+              "Tavrik_DataCall_DeleteProfile: uci_alloc_context faild\n");
+    sim::call("uci", {{"package", "data_profile"}});
+    EXPECT_EQ(log_of(call), "Tavrik_DataCall_SetProfile: uci_load failed.\n"
+                            "Tavrik_DataCall_GetProfile: uci_load failed.\n"
+                            "Tavrik_DataCall_DeleteProfile: uci_load failed.\n");
     EXPECT_NE(access(kFile, F_OK), 0);
 }
 
+TEST_F(Profile, IsDeleted) {
+    const std::string alpha = "\nconfig profile_idx 'alpha'\n";
+    put(alpha + section("3", kOptions) + section("4", kOptions));
+    for (const int index : {3, 3, 0, 16, -1}) // none is no failure
+        EXPECT_EQ(log_of([&] { EXPECT_EQ(Tavrik_DataCall_DeleteProfile(index), 0); }), "");
+    EXPECT_EQ(read_file(kFile), alpha + section("4", kOptions) + "\n");
+    sim::fault("etc", "*", {{"read_only", true}});
+    EXPECT_EQ(Tavrik_DataCall_DeleteProfile(4), -1);
+    EXPECT_EQ(read_file(kFile), alpha + section("4", kOptions) + "\n");
+}
+
 TEST_F(Profile, IsRead) {
-    const std::string found = "debug Tavrik_DataCall_GetProfile: section name:3\n", missing = kMissing;
+    const std::string found = "debug Tavrik_DataCall_GetProfile: section name:3\n",
+                      missing = "warn Tavrik_DataCall_GetProfile: lookup option faild\n",
+                      none = "Tavrik_DataCall_GetProfile: LINE, no such profile_idx\n";
     const struct {
         const char *what;
         std::string file;
@@ -164,10 +187,10 @@ TEST_F(Profile, IsRead) {
         std::string wanted, log;
     } rows[] = {
         {"whole", section("3", kOptions), 3, "3: 3 internet 1 me secret", found},
-        {"none", "", 3, "3: 0  0  ", kNoSection},
-        {"another name for it", section("03", kOptions), 3, "3: 0  0  ", kNoSection},
-        {"beyond all", section("3", kOptions), 259, "3: 0  0  ", kNoSection},
-        {"below all", section("3", kOptions), -1, "255: 0  0  ", kNoSection},
+        {"none", "", 3, "3: 0  0  ", none},
+        {"another name for it", section("03", kOptions), 3, "3: 0  0  ", none},
+        {"beyond all", section("3", kOptions), 259, "3: 0  0  ", none},
+        {"below all", section("3", kOptions), -1, "255: 0  0  ", none},
         {"without options", section("3", ""), 3, "3: 9 old 9 old old",
          found + missing + missing + missing + missing + missing},
         {"without APN",

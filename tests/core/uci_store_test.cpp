@@ -1,4 +1,5 @@
-// Processes that store profiles: killed at each step, with each step failing, and several at once.
+// The owner of a uci package, as profiles are stored with it: killed at each step, with each step failing, and several
+// at once.
 #include "support/shell.h"
 #include "support/sim.h"
 
@@ -29,13 +30,13 @@ const struct Store {
                {"new index", "4", section("3", "old") + section("4", "new") + "\n",
                 section("3", "old") + section("4", "") + "\n"}};
 
-class Writers : public testing::Test {
+class UciStore : public testing::Test {
   protected:
-    Writers() {
+    UciStore() {
         Tavrik_Switch_Log_Mode(TAVRIK_LOG_SYSLOG); // to nobody
         fresh();
     }
-    ~Writers() override { sim::call("reset"); }
+    ~UciStore() override { sim::call("reset"); }
     static void fresh() {
         shell("rm -f /etc/config/.data_profile.* /tmp/.uci/*");
         write_file(kFile, kBefore);
@@ -66,7 +67,7 @@ class Writers : public testing::Test {
     }
 };
 
-TEST_F(Writers, MayBeKilledAnywhere) {
+TEST_F(UciStore, SurvivesTheEndOfItsProcess) {
     if (!*STRACE)
         GTEST_SKIP() << "strace is missing (scripts/setup test)";
     for (const Store &store : kStores)
@@ -100,7 +101,7 @@ TEST_F(Writers, MayBeKilledAnywhere) {
         }
 }
 
-TEST_F(Writers, SurviveWhatFails) {
+TEST_F(UciStore, SurvivesWhatFails) {
     if (!*STRACE)
         GTEST_SKIP() << "strace is missing (scripts/setup test)";
     for (const Store &store : kStores)
@@ -134,7 +135,7 @@ TEST_F(Writers, SurviveWhatFails) {
             }
 }
 
-TEST_F(Writers, EndWhereTheFileCannotBeRead) {
+TEST_F(UciStore, RefusesWhatCannotBeRead) {
     if (!*STRACE)
         GTEST_SKIP() << "strace is missing (scripts/setup test)";
     int code;
@@ -143,7 +144,7 @@ TEST_F(Writers, EndWhereTheFileCannotBeRead) {
     EXPECT_EQ(read_file(kFile), kBefore);
 }
 
-TEST_F(Writers, LoseNothingToEachOther) {
+TEST_F(UciStore, LosesNothingToOthers) {
     const Ran ran = shell("for i in 1 2 3 4; do " WRITER " $i 500 & all=\"$all $!\"; done\n"
                           "for one in $all; do wait $one || exit $?; done");
     EXPECT_EQ(ran.code, 0) << ran.output;
@@ -151,12 +152,12 @@ TEST_F(Writers, LoseNothingToEachOther) {
     EXPECT_EQ(shell("uci show data_profile | grep -c \"apn='500'\"").output, "4\n");
 }
 
-// uci gives the lock back before the file is in place, so whoever writes meanwhile is undone, or undoes it. What is
-// sure is that the package loads and that writers come to an end.
-TEST_F(Writers, StandBesideUci) {
+// The program gives its lock back before its file is in place: whoever writes meanwhile may be undone. What is sure is
+// that the package loads, with all sections, and that the writers come to an end.
+TEST_F(UciStore, StandsBesideUci) {
+    write_file(kFile, section("1", "") + section("2", "") + section("3", ""));
     const Ran ran = shell("(i=0; while [ $i -lt 200 ]; do i=$((i+1)); uci set data_profile.3.apn=$i &&"
-                          " uci commit data_profile; done) & uci=$!\n"
-                          "for i in 1 2; do " WRITER " $i 100; done; wait $uci");
+                          " uci commit data_profile; done) & uci=$!\n" WRITER " 1 200 & " WRITER " 2 200; wait $uci");
     printf("%s", ran.output.c_str());
     EXPECT_EQ(ran.code, 0) << ran.output;
     EXPECT_EQ(shell("uci show data_profile | grep -c =profile_idx").output, "3\n");
