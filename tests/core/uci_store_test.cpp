@@ -53,17 +53,18 @@ class UciStore : public testing::Test {
     static int write(const Store &store, const std::string &with = "") {
         return shell(with + WRITER " " + store.index + " new 2>&1").code;
     }
+    static std::string traced(const std::string &options) {
+        return "ASAN_OPTIONS=detect_leaks=0 " STRACE " -f -q -o /tmp/trace -e trace=" + options + " ";
+    }
     // One run of the writer under the tracer; false when nothing was injected any more.
     static bool trace(const Store &store, const std::string &calls, const std::string &what, int &code) {
-        const std::string log = "/tmp/trace";
-        code = write(store, "ASAN_OPTIONS=detect_leaks=0 " STRACE " -f -q -o " + log + " -e trace=" + calls +
-                                " -e inject=" + calls + ":" + what + " ");
-        const std::string traced = read_file(log);
-        return traced.find("INJECTED") != std::string::npos || traced.find("killed by") != std::string::npos;
+        code = write(store, traced(calls + " -e inject=" + calls + ":" + what));
+        const std::string log = read_file("/tmp/trace");
+        return log.find("INJECTED") != std::string::npos || log.find("killed by") != std::string::npos;
     }
     // The first of such calls that is not the loader's.
     static int first(const std::string &calls) {
-        return 1 + std::stoi(shell(STRACE " -f -qq -e trace=" + calls + " " WRITER " 2>&1 | grep -c '('").output);
+        return 1 + std::stoi(shell(traced(calls) + WRITER "; grep -c '(' /tmp/trace").output);
     }
     static void is_one_of(const std::string &text, const Store &store) {
         EXPECT_TRUE(text == kBefore || text == store.after || (!store.between.empty() && text == store.between))

@@ -5,6 +5,8 @@
 
 #include <chrono>
 #include <climits>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
 
@@ -299,29 +301,37 @@ TEST_F(Profile, IsAsBeforeWhenNothingCanBeWritten) {
             }
 }
 
+// Held by a program that writes the package, and by another process with this library.
 TEST_F(Profile, WaitsFiveSecondsForTheLock) {
     using Clock = std::chrono::steady_clock;
     put(section("3", kOptions));
-    sim::fault("etc", "*", {{"lock", "data_profile"}});
-    const auto start = Clock::now();
-    const std::string log = log_of([&] {
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 3; i++)
-            threads.emplace_back([&, i] {
-                Tavrik_DataProfile got = kProfile;
-                EXPECT_EQ(i ? Tavrik_DataCall_SetProfile(&kProfile) : Tavrik_DataCall_GetProfile(3, &got), -1);
-                const auto took = Clock::now() - start;
-                EXPECT_GE(took, std::chrono::milliseconds(4995));
-                EXPECT_LT(took, std::chrono::seconds(30));
-            });
-        for (std::thread &thread : threads)
-            thread.join();
-    });
-    EXPECT_NE(log.find("uci: /etc/config/data_profile is locked\n"), std::string::npos) << log;
-    EXPECT_NE(log.find("uci: another user does not come to an end\n"), std::string::npos) << log;
-    EXPECT_NE(log.find("uci_alloc_context faild\n"), std::string::npos) << log;
-    sim::call("clear");
-    set(&kProfile, 0);
+    for (const bool by_program : {true, false}) {
+        const int folder = open("/etc/config", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (by_program)
+            sim::fault("etc", "*", {{"lock", "data_profile"}});
+        else
+            ASSERT_EQ(flock(folder, LOCK_EX), 0);
+        const auto start = Clock::now();
+        const std::string log = log_of([&] {
+            std::vector<std::thread> threads;
+            for (int i = 0; i < 3; i++)
+                threads.emplace_back([&, i] {
+                    Tavrik_DataProfile got = kProfile;
+                    EXPECT_EQ(i ? Tavrik_DataCall_SetProfile(&kProfile) : Tavrik_DataCall_GetProfile(3, &got), -1);
+                    const auto took = Clock::now() - start;
+                    EXPECT_GE(took, std::chrono::milliseconds(4995));
+                    EXPECT_LT(took, std::chrono::seconds(30));
+                });
+            for (std::thread &thread : threads)
+                thread.join();
+        });
+        const char *const why =
+            by_program ? "uci: /etc/config/data_profile is locked\n" : "uci: another user does not come to an end\n";
+        EXPECT_NE(log.find(why), std::string::npos) << log;
+        close(folder);
+        sim::call("clear");
+        set(&kProfile, 0);
+    }
 }
 
 TEST_F(Profile, IsSetByManyThreads) {
@@ -436,9 +446,9 @@ TEST_F(Profile, FindsTheContextsOfTheModem) {
 }
 
 TEST_F(Profile, NumbersPdpTypes) {
-    for (const auto &[type, family] : {std::pair("IP", 4), std::pair("ip", 4), std::pair("IPV6", 6),
-                                       std::pair("ipv4v6", 10), std::pair("Ipv4V6", 10)})
-        EXPECT_EQ(log_of([&] { EXPECT_EQ(data_convert_ip_proto(type), family) << type; }), "");
+    const std::pair<const char *, int> known[] = {{"IP", 4}, {"ip", 4}, {"IPV6", 6}, {"ipv4v6", 10}, {"Ipv4V6", 10}};
+    for (const auto &row : known)
+        EXPECT_EQ(log_of([&] { EXPECT_EQ(data_convert_ip_proto(row.first), row.second) << row.first; }), "");
     for (const char *type : {"", "IPV4", "IP ", "PPP"})
         EXPECT_EQ(log_of([&] { EXPECT_EQ(data_convert_ip_proto(type), 0); }),
                   std::string("data_convert_ip_proto: unexcept IP TYPE[") + type + "]\n");
