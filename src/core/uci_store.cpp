@@ -22,28 +22,109 @@ constexpr char kFolder[] = UCI_CONFDIR, kDeltaFolder[] = UCI_SAVEDIR;
 constexpr int kAttempts = 4;    // the first, and three more after lost updates
 constexpr size_t kSpare = 4096; // room beside a file's text and what changes
 
-Mutex g_mutex;
+// Who comes first is served first: a thread that stores in a loop does not keep the others out.
+struct {
+    Mutex mutex;
+    pthread_cond_t released;
+    unsigned waiting;
+    bool held, handed_over;
+} g_turn;
 
-// Tries again until it succeeds, or fails for good after kUciLockMs: nobody is waited for without limit.
-template <class Try>
-bool within_limit(Try attempt) {
+pthread_once_t g_once = PTHREAD_ONCE_INIT;
+
+void make_condition() {
+    pthread_condattr_t monotonic;
+    pthread_condattr_init(&monotonic);
+    pthread_condattr_setclock(&monotonic, CLOCK_MONOTONIC);
+    pthread_cond_init(&g_turn.released, &monotonic);
+    pthread_condattr_destroy(&monotonic);
+}
+
+// A child has none of the threads that hold it or wait.
+void after_fork() {
+    g_turn.mutex = Mutex();
+    g_turn.waiting = 0;
+    g_turn.held = g_turn.handed_over = false;
+    make_condition();
+}
+
+void set_up() {
+    make_condition();
+    pthread_atfork(nullptr, nullptr, after_fork);
+}
+
+bool take_turn(Deadline deadline) {
+    pthread_once(&g_once, set_up);
+    const Lock lock(g_turn.mutex);
+    if (!g_turn.held)
+        return g_turn.held = true;
+    const timespec until = deadline.as_timespec();
+    ++g_turn.waiting;
+    for (int result = 0; !g_turn.handed_over && result != ETIMEDOUT;)
+        result = pthread_cond_timedwait(&g_turn.released, g_turn.mutex.native(), &until);
+    --g_turn.waiting;
+    const bool mine = g_turn.handed_over;
+    g_turn.handed_over = false;
+    errno = ETIMEDOUT;
+    return mine;
+}
+
+void end_turn() {
+    const Lock lock(g_turn.mutex);
+    if ((g_turn.handed_over = g_turn.waiting))
+        pthread_cond_signal(&g_turn.released);
+    else
+        g_turn.held = false;
+}
+
+// flock() has no time limit of its own. What cannot be locked at all is as free as what is not there.
+bool locked(int fd, int how, Deadline deadline) {
     constexpr timespec kPause = {0, 1000000};
-    for (const Deadline deadline = Deadline::in(kUciLockMs); !attempt(); nanosleep(&kPause, nullptr))
-        if (deadline.passed())
+    while (flock(fd, how | LOCK_NB)) {
+        if (errno != EWOULDBLOCK && errno != EINTR)
+            return true;
+        if (deadline.passed()) {
+            errno = ETIMEDOUT;
             return false;
+        }
+        nanosleep(&kPause, nullptr);
+    }
     return true;
 }
 
-// A file that cannot be locked at all is as free as one that is not there.
-bool locked(int fd, int how) {
-    return within_limit([=] { return !flock(fd, how | LOCK_NB) || (errno != EWOULDBLOCK && errno != EINTR); });
-}
+// Unlocked before it is closed: a child that was forked meanwhile has the descriptor, too.
+class LockedFile {
+  public:
+    LockedFile(const char *path, int flags, int how, Deadline deadline)
+        : fd_(open(path, flags | O_CLOEXEC, UCI_FILEMODE)),
+          held_(fd_ && locked(fd_.get(), how, deadline)) {}
+    ~LockedFile() {
+        const int saved = errno;
+        if (held_)
+            flock(fd_.get(), LOCK_UN);
+        errno = saved;
+    }
+    int get() const { return fd_.get(); }
+    bool held() const { return held_; }
+    bool taken() const { return fd_ && !held_; } // by another
+    // libuci reads again for ever what cannot be read.
+    bool bad() const {
+        char part[1024];
+        ssize_t n = fd_ ? ssize_t(sizeof part) : 0;
+        while (n == ssize_t(sizeof part) || (n < 0 && errno == EINTR))
+            n = read(fd_.get(), part, sizeof part);
+        return n < 0;
+    }
+
+  private:
+    const Fd fd_;
+    const bool held_;
+};
 
 struct Bytes {
     ~Bytes() { free(data); }
-    bool operator==(const Bytes &other) const {
-        return length == other.length && (!length || !memcmp(data, other.data, length));
-    }
+    bool operator==(const Bytes &other) const { return length == other.length && begins(other); }
+    // Is the start, or all, of the other.
     bool begins(const Bytes &other) const {
         return length <= other.length && (!length || !memcmp(data, other.data, length));
     }
@@ -52,11 +133,12 @@ struct Bytes {
         struct stat st;
         if (!fd || fstat(fd.get(), &st) || !(data = static_cast<char *>(malloc(size_t(st.st_size) + 1))))
             return false;
-        for (ssize_t n; (n = read(fd.get(), data + length, size_t(st.st_size) - length)) != 0;)
-            if (n > 0)
-                length += size_t(n);
-            else if (errno != EINTR)
+        while (length < size_t(st.st_size)) {
+            const ssize_t n = read(fd.get(), data + length, size_t(st.st_size) - length);
+            if (n == 0 || (n < 0 && errno != EINTR))
                 return false;
+            length += n > 0 ? size_t(n) : 0;
+        }
         return true;
     }
 
@@ -64,53 +146,83 @@ struct Bytes {
     size_t length = 0;
 };
 
-// Beside the file that it may replace. Its name is that of libuci's own temporary files.
-class Temporary {
-  public:
-    Temporary(const char *folder, const char *name) {
-        snprintf(path_, sizeof path_, "%.60s/.%.40s.uci-XXXXXX", folder, name);
-        fd_.reset(mkostemp(path_, O_CLOEXEC));
-    }
-    ~Temporary() {
-        if (fd_)
-            unlink(path_);
-    }
-    bool has_room(size_t size) {
-        const int error = fd_ ? posix_fallocate(fd_.get(), 0, off_t(size)) : errno;
-        errno = error;
-        return !error || error == EOPNOTSUPP; // where it cannot be known
-    }
-    bool become(const char *path, const Bytes &bytes, mode_t mode) {
-        size_t done = 0;
-        while (fd_ && done < bytes.length) {
-            const ssize_t n = write(fd_.get(), bytes.data + done, bytes.length - done);
-            if (n < 0 && errno != EINTR)
-                return false;
-            done += n > 0 ? size_t(n) : 0;
-        }
-        if (!fd_ || fchmod(fd_.get(), mode) || fsync(fd_.get()) || rename(path_, path))
-            return false;
-        fd_.reset();
-        return true;
-    }
-
-  private:
-    char path_[128];
-    Fd fd_;
-};
-
 const char *last_part(const char *path) {
     const char *const slash = strrchr(path, '/');
     return slash ? slash + 1 : path;
 }
 
+// The path of a file's folder, or of a file beside it that has a name like libuci's own temporary ones.
+struct Path {
+    static Path folder_of(const char *path) {
+        Path folder;
+        snprintf(folder.text, sizeof folder.text, "%.*s", int(last_part(path) - path - 1), path);
+        return folder;
+    }
+    static Path temporary(const char *folder, const char *package, const char *end) {
+        Path temporary;
+        snprintf(temporary.text, sizeof temporary.text, "%.60s/.%.40s.uci-%s", folder, package, end);
+        return temporary;
+    }
+    char text[128];
+};
+
+// libuci does not look whether its temporary file takes all that it writes.
+bool has_room(const char *folder, const char *package, size_t size) {
+    Path path = Path::temporary(folder, package, "XXXXXX");
+    const Fd fd(mkostemp(path.text, O_CLOEXEC));
+    if (!fd)
+        return false;
+    const int error = posix_fallocate(fd.get(), 0, off_t(size));
+    unlink(path.text);
+    errno = error;
+    return !error || error == EOPNOTSUPP; // where it cannot be known
+}
+
+bool reserve(int fd, int64_t from, size_t size) {
+    return !fallocate(fd, FALLOC_FL_KEEP_SIZE, off_t(from), off_t(size)) || errno == EOPNOTSUPP;
+}
+
 void sync_folder_of(const char *path) {
-    char folder[64];
-    snprintf(folder, sizeof folder, "%.*s", int(last_part(path) - path), path);
-    const Fd fd(open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const Fd fd(open(Path::folder_of(path).text, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (fd)
         fsync(fd.get());
 }
+
+// A second name of the file while a new one takes its place: to put it back needs no room, and cannot fail halfway.
+class Backup {
+  public:
+    Backup(const char *path, const char *package, const struct stat &before)
+        : path_(path),
+          kept_(Path::temporary(Path::folder_of(path).text, package, "before")),
+          before_(before) {
+        const auto keep = [this] { return !linkat(AT_FDCWD, path_, AT_FDCWD, kept_.text, AT_SYMLINK_FOLLOW); };
+        there_ = keep() || (errno == EEXIST && !unlink(kept_.text) && keep()); // of one that was killed
+    }
+    ~Backup() {
+        if (there_)
+            unlink(kept_.text);
+    }
+    Backup(const Backup &) = delete;
+    Backup &operator=(const Backup &) = delete;
+    explicit operator bool() const { return there_; }
+    bool was_replaced() const {
+        struct stat now;
+        return !stat(path_, &now) && (now.st_ino != before_.st_ino || now.st_dev != before_.st_dev);
+    }
+    bool put_back() const {
+        char *const real = realpath(path_, nullptr);
+        const bool done = real && !rename(kept_.text, real);
+        free(real);
+        sync_folder_of(path_);
+        return done;
+    }
+
+  private:
+    const char *const path_;
+    const Path kept_;
+    const struct stat &before_;
+    bool there_;
+};
 
 uci_ptr pointer(const char *package, const char *section, const char *option, const char *value) {
     uci_ptr ptr = {};
@@ -122,10 +234,16 @@ uci_ptr pointer(const char *package, const char *section, const char *option, co
 }
 
 void remove_empty_delta(const char *path) {
-    const Fd fd(*path ? open(path, O_RDONLY | O_CLOEXEC) : -1);
+    const LockedFile delta(path, O_RDONLY, LOCK_EX, Deadline::in(0));
     struct stat st;
-    if (fd && !flock(fd.get(), LOCK_EX | LOCK_NB) && !fstat(fd.get(), &st) && !st.st_size)
+    if (delta.held() && !fstat(delta.get(), &st) && !st.st_size)
         unlink(path);
+}
+
+bool export_to(uci_context *context, uci_package *package, Bytes &bytes) {
+    FILE *const text = open_memstream(&bytes.data, &bytes.length);
+    const bool done = text && !uci_export(context, text, package, false);
+    return text && !fclose(text) && done;
 }
 
 uci_option *option_of(uci_section *section, const char *name) {
@@ -136,13 +254,15 @@ uci_option *option_of(uci_section *section, const char *name) {
 
 } // namespace
 
-UciLock::UciLock() : held_(within_limit([] { return !pthread_mutex_trylock(g_mutex.native()); })) {
+UciLock::UciLock(Deadline deadline) : held_(take_turn(deadline)) {
     if (!held_)
         return;
     folder_.reset(open(kFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (folder_ && !locked(folder_.get(), LOCK_EX)) {
+    if (folder_ ? !locked(folder_.get(), LOCK_EX, deadline) : errno != ENOENT) {
         held_ = false;
-        g_mutex.unlock();
+        const int error = errno;
+        end_turn();
+        errno = error;
     }
 }
 
@@ -151,12 +271,13 @@ UciLock::~UciLock() {
         return;
     if (folder_)
         flock(folder_.get(), LOCK_UN); // a child that was forked meanwhile has the descriptor, too
-    g_mutex.unlock();
+    end_turn();
 }
 
-UciStore::UciStore(Site site) : site_(site) {
+UciStore::UciStore(Site site) : site_(site), lock_(deadline_) {
     if (!lock_)
-        log(Level::error, site_, "uci: another user does not come to an end");
+        log(Level::error, site_, "uci: %s",
+            errno == ETIMEDOUT ? "another user does not come to an end" : strerror(errno));
     else
         open_context();
 }
@@ -182,11 +303,13 @@ bool UciStore::load(const char *package) {
     if (!whole_path)
         snprintf(delta_, sizeof delta_, "%s/%s", kDeltaFolder, package);
     // With these held, libuci's own shared locks, which wait for ever, are to be had at once.
-    const Fd file(open(path_, O_RDONLY | O_CLOEXEC)), delta(*delta_ ? open(delta_, O_RDONLY | O_CLOEXEC) : -1);
-    if ((file && !locked(file.get(), LOCK_SH)) || (delta && !locked(delta.get(), LOCK_SH))) {
+    const LockedFile file(path_, O_RDONLY, LOCK_SH, deadline_), delta(delta_, O_RDONLY, LOCK_SH, deadline_);
+    if (file.taken() || delta.taken()) {
         log(Level::error, site_, "uci: %s is locked", path_);
         return false;
     }
+    if (file.bad() || delta.bad())
+        return false;
     return !uci_load(context_, whole_path ? path_ : name_, &package_);
 }
 
@@ -215,6 +338,11 @@ const char *UciStore::name(const uci_section *section) {
 const char *UciStore::text(uci_section *section, const char *option) {
     const uci_option *const found = option_of(section, option);
     return found && found->type == UCI_TYPE_STRING ? found->v.string : nullptr;
+}
+
+bool UciStore::has(const char *section_name, const char *option) const {
+    uci_section *const found = section(section_name);
+    return found && option_of(found, option);
 }
 
 bool UciStore::set(const char *section, const char *option, const char *value) {
@@ -272,7 +400,7 @@ bool UciStore::reapply() {
 bool UciStore::holds(const Change &change) const {
     uci_section *const found = section(change.section);
     if (!change.option)
-        return (change.kind == Kind::set) == (found != nullptr);
+        return (change.kind == Kind::set && *change.value) == (found != nullptr);
     uci_option *const option = found ? option_of(found, change.option) : nullptr;
     if (change.kind == Kind::remove || !*change.value)
         return !option;
@@ -288,8 +416,7 @@ bool UciStore::holds(const Change &change) const {
 bool UciStore::holds_all() const {
     for (const Change *change = changes_; change; change = change->next) {
         const Change *later = change->kind == Kind::add ? nullptr : change->next;
-        while (later && (strcmp(later->section, change->section) || !later->option != !change->option ||
-                         (later->option && strcmp(later->option, change->option))))
+        while (later && !later->overrules(*change))
             later = later->next;
         if (!later && !holds(*change))
             return false;
@@ -297,74 +424,90 @@ bool UciStore::holds_all() const {
     return true;
 }
 
+bool UciStore::Change::overrules(const Change &earlier) const {
+    return !strcmp(section, earlier.section) && (option ? earlier.option && !strcmp(option, earlier.option)
+                                                        : !earlier.option || kind == Kind::remove || !*value);
+}
+
 // One commit by libuci, whose answer says little: what it was to write is compared with what the file holds.
 UciStore::Written UciStore::write() {
     size_t room = kSpare;
     for (const Change *change = changes_; change; change = change->next)
-        room += 64 + strlen(change->section) + strlen(change->value);
-    Bytes before, after, expected;
-    struct stat st, delta_st = {};
-    if (stat(path_, &st) || !before.read_file(path_) || !Temporary(kFolder, name_).has_room(before.length + room))
-        return Written::no;
+        room += 64 + strlen(change->section) + 4 * strlen(change->value); // a quote takes four bytes
+    int64_t staged = 0;
     if (*delta_) {
-        mkdir(kDeltaFolder, UCI_DIRMODE);
-        const Fd delta(Temporary(kDeltaFolder, name_).has_room(room)
-                           ? open(delta_, O_WRONLY | O_CREAT | O_CLOEXEC, UCI_FILEMODE)
-                           : -1);
-        if (!delta || fstat(delta.get(), &delta_st) || !locked(delta.get(), LOCK_EX))
-            return Written::no;
+        const LockedFile delta(delta_, O_WRONLY | O_CREAT, LOCK_EX, deadline_);
+        struct stat st;
+        if (!delta.held() || fstat(delta.get(), &st) || !reserve(delta.get(), st.st_size, room))
+            return cannot();
+        staged = st.st_size;
     }
+    struct stat before;
     {
         // libuci takes this lock again, without limit: it must be seen free, though it cannot be kept.
-        const Fd file(open(path_, O_RDWR | O_CLOEXEC));
-        if (!file || !locked(file.get(), LOCK_EX))
-            return Written::no;
+        const LockedFile file(path_, O_RDWR, LOCK_EX, deadline_);
+        if (!file.held() || fstat(file.get(), &before))
+            return cannot();
     }
+    if (!has_room(kFolder, name_, size_t(before.st_size) + room))
+        return cannot();
+    const Backup backup(path_, name_, before);
+    if (!backup)
+        return cannot();
 
+    errno = 0;
     const bool failed = uci_commit(context_, &package_, false);
-    FILE *const text = failed ? nullptr : open_memstream(&expected.data, &expected.length);
-    if (text) {
-        uci_export(context_, text, package_, false);
-        fclose(text);
-    }
-    const bool readable = after.read_file(path_);
-    if (text && readable && after == expected && holds_all()) {
+    error_ = errno;
+    Bytes expected, after;
+    bool known = !failed && export_to(context_, package_, expected);
+    const bool readable = known && after.read_file(path_);
+    if (readable && after == expected && holds_all()) {
         sync_folder_of(path_);
         return Written::yes;
     }
     // What was staged for this commit must not come into force some day.
-    const int64_t staged = delta_st.st_size;
-    if (*delta_ && !stat(delta_, &delta_st) && delta_st.st_size > staged && truncate(delta_, off_t(staged)))
+    struct stat st;
+    if (*delta_ && !stat(delta_, &st) && st.st_size > staged && truncate(delta_, off_t(staged)))
         log(Level::warning, site_, "uci: %s keeps what was not committed", delta_);
-    // A file that ends early is no other writer's: the disk was full after all.
-    if (readable && !(after == before) && (failed || (text && after.begins(expected)))) {
-        char folder[sizeof path_];
-        snprintf(folder, sizeof folder, "%.*s", int(last_part(path_) - path_ - 1), path_);
-        if (!Temporary(folder, name_).become(path_, before, st.st_mode & 07777))
+    if (failed)
+        return Written::no;
+    // What ends early is no other writer's file: the disk was full after all.
+    if (backup.was_replaced() && !(readable && !after.begins(expected))) {
+        if (!backup.put_back())
             log(Level::error, site_, "uci: %s is damaged", path_);
         return Written::no;
     }
-    return failed ? Written::no : Written::lost;
+    return Written::lost;
+}
+
+UciStore::Written UciStore::cannot() {
+    error_ = errno;
+    return Written::no;
 }
 
 int UciStore::commit() {
-    const char *why = "a change was refused";
-    int error = 0;
-    for (int attempt = 0; package_ && !refused_; ++attempt) {
-        errno = 0;
-        const Written written = write();
-        error = errno;
+    if (*delta_)
+        mkdir(kDeltaFolder, UCI_DIRMODE);
+    deadline_ = Deadline::in(kUciLockMs);
+    Written written = Written::no;
+    for (int attempt = 0; package_ && !refused_ && attempt < kAttempts; ++attempt) {
+        if (attempt && !reapply())
+            break;
+        written = write();
         // Another writer may have taken over what was staged here.
         if (written == Written::yes || (written == Written::lost && load_again() && holds_all())) {
             forget_changes();
             remove_empty_delta(delta_);
             return 0;
         }
-        why = written == Written::no ? "the file cannot be written" : "lost to another writer";
-        if (written == Written::no || attempt == kAttempts - 1 || !package_ || !reapply())
+        if (written == Written::no)
             break;
     }
-    log(Level::error, site_, "uci: %s not committed: %s (%s)", path_, why, strerror(error));
+    log(Level::error, site_, "uci: %s not committed: %s", path_,
+        refused_                   ? "a change was refused"
+        : written == Written::lost ? "lost to another writer"
+        : error_                   ? strerror(error_)
+                                   : "libuci failed");
     remove_empty_delta(delta_);
     package_ = nullptr;
     return -1;
@@ -380,11 +523,13 @@ void UciStore::forget_changes() {
 
 void UciStore::remove_leftovers(const char *package) {
     const UciLock lock;
-    char delta[64], temporary[64];
-    snprintf(delta, sizeof delta, "%s/%s", kDeltaFolder, package);
-    snprintf(temporary, sizeof temporary, ".%s.uci-", package);
-    for (const char *folder : {kFolder, kDeltaFolder}) {
-        DIR *const entries = lock ? opendir(folder) : nullptr;
+    if (!lock)
+        return;
+    const char *const name = last_part(package);
+    char temporary[64];
+    snprintf(temporary, sizeof temporary, ".%s.uci-", name);
+    const auto sweep = [&temporary](const char *folder) {
+        DIR *const entries = opendir(folder);
         while (const dirent *const entry = entries ? readdir(entries) : nullptr) {
             if (strncmp(entry->d_name, temporary, strlen(temporary)))
                 continue;
@@ -395,9 +540,15 @@ void UciStore::remove_leftovers(const char *package) {
         }
         if (entries)
             closedir(entries);
-    }
-    if (lock)
+    };
+    sweep(kFolder);
+    if (name != package) {
+        sweep(Path::folder_of(package).text);
+    } else {
+        char delta[64];
+        snprintf(delta, sizeof delta, "%s/%s", kDeltaFolder, name);
         remove_empty_delta(delta);
+    }
 }
 
 } // namespace tavrik

@@ -23,11 +23,11 @@ struct uci_section;
 
 namespace tavrik {
 
-constexpr int kUciLockMs = 5000; // no wait for a lock is longer
+constexpr int kUciLockMs = 5000; // neither loading nor a commit waits longer for the locks of others
 
 class UciLock {
   public:
-    UciLock();
+    explicit UciLock(Deadline deadline = Deadline::in(kUciLockMs));
     ~UciLock();
     UciLock(const UciLock &) = delete;
     UciLock &operator=(const UciLock &) = delete;
@@ -45,7 +45,7 @@ class UciStore {
     UciStore(const UciStore &) = delete;
     UciStore &operator=(const UciStore &) = delete;
 
-    // There is a context: memory, and the lock within kUciLockMs.
+    // There is a context: memory, and the lock in time.
     bool allocated() const { return context_; }
     // A package below /etc/config by name, or a file by its whole path. Once.
     bool load(const char *package);
@@ -61,6 +61,8 @@ class UciStore {
         return found ? text(found, option) : nullptr;
     }
 
+    bool has(const char *section_name, const char *option) const; // text or list
+
     // Changes, until the next commit. `option` NULL: the section itself, of type `value`. An empty value deletes the
     // option. False when libuci refuses one; the following commit fails then.
     bool set(const char *section, const char *option, const char *value);
@@ -71,7 +73,7 @@ class UciStore {
     // can be done with this object then.
     int commit();
 
-    // Removes what a writer of the package that was killed has left behind.
+    // Removes what a writer of the package, by name or whole path, that was killed has left behind.
     static void remove_leftovers(const char *package);
 
   private:
@@ -80,6 +82,7 @@ class UciStore {
         Change *next;
         Kind kind;
         const char *section, *option, *value; // behind this
+        bool overrules(const Change &earlier) const;
     };
     enum class Written { yes, lost, no };
 
@@ -91,10 +94,12 @@ class UciStore {
     bool holds(const Change &change) const;
     bool holds_all() const;
     Written write();
+    Written cannot();
     void forget_changes();
 
     const Site site_;
-    UciLock lock_;
+    Deadline deadline_ = Deadline::in(kUciLockMs);
+    const UciLock lock_;
     uci_context *context_ = nullptr;
     uci_package *package_ = nullptr;
     char name_[32] = {};  // as libuci knows it
@@ -103,6 +108,7 @@ class UciStore {
     Change *changes_ = nullptr;
     Change **last_ = &changes_;
     bool refused_ = false;
+    int error_ = 0; // errno of what failed last
 };
 
 } // namespace tavrik
