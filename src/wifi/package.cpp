@@ -16,11 +16,6 @@ bool Words::find(const char *word, int *number) const {
     return false;
 }
 
-int failed(const char *text, Site site) {
-    log(Level::error, site, "%s", text);
-    return -1;
-}
-
 bool known_band(int band, Site site) {
     return unsigned(band) < 2 || !failed("Parameter input error", site);
 }
@@ -32,7 +27,9 @@ bool storable(const char *text) {
 }
 
 int restart_service(Site site) {
-    return run_shell("/etc/init.d/mwlan restart") ? failed("wifi system cmd faild ", site) : 0;
+    if (!run_shell("/etc/init.d/mwlan restart"))
+        return 0;
+    return failed("wifi system cmd faild ", site);
 }
 
 int change(const char *section, const char *option, const char *value, Site site) {

@@ -27,7 +27,10 @@ struct Words {
 };
 
 // -1, and a line for the caller.
-int failed(const char *text, Site site = Site::here());
+inline int failed(const char *text, Site site = Site::here()) {
+    log(Level::error, site, "%s", text);
+    return -1;
+}
 
 bool known_band(int band, Site site = Site::here());
 // Control characters, tabulator and line ends among them, have no place in an option.
