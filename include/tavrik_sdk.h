@@ -2257,7 +2257,15 @@ TAVRIK_API int Tavrik_Get_Bcast(int *hidden, int second, int band);
  * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
  */
 TAVRIK_API int Tavrik_Set_Isolate(int isolate, int second, int band);
-/** Reads what Tavrik_Set_Isolate() sets: 0 or 1. Result and blocking as Tavrik_Get_Bcast(). In a callback: yes. */
+
+/**
+ * Reads what Tavrik_Set_Isolate() sets.
+ *
+ * @param[out] isolate 0 or 1.
+ * @return as Tavrik_Get_Bcast().
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
 TAVRIK_API int Tavrik_Get_Isolate(int *isolate, int second, int band);
 
 /** How stations prove that they may join, and what encrypts. */
@@ -2328,7 +2336,15 @@ enum {
  * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
  */
 TAVRIK_API int Tavrik_Set_Netmode(int mode, int second, int band);
-/** Reads the network mode, one of the band's. Result and blocking as Tavrik_Get_Bcast(). In a callback: yes. */
+
+/**
+ * Reads what Tavrik_Set_Netmode() sets.
+ *
+ * @param[out] mode one of the band's.
+ * @return as Tavrik_Get_Bcast().
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
 TAVRIK_API int Tavrik_Get_Netmode(int *mode, int second, int band);
 
 /**
@@ -2342,7 +2358,15 @@ TAVRIK_API int Tavrik_Get_Netmode(int *mode, int second, int band);
  * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
  */
 TAVRIK_API int Tavrik_Set_Band(int bandwidth, int second, int band);
-/** Reads the bandwidth: 0, 1 or 2. Result and blocking as Tavrik_Get_Bcast(). In a callback: yes. */
+
+/**
+ * Reads what Tavrik_Set_Band() sets.
+ *
+ * @param[out] bandwidth 0, 1 or 2.
+ * @return as Tavrik_Get_Bcast().
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
 TAVRIK_API int Tavrik_Get_Band(int *bandwidth, int second, int band);
 
 /**
@@ -2355,8 +2379,15 @@ TAVRIK_API int Tavrik_Get_Band(int *bandwidth, int second, int band);
  * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
  */
 TAVRIK_API int Tavrik_Set_Channel(int channel, int second, int band);
-/** Reads the channel; 0, and the word "auto", is automatic. Result and blocking as Tavrik_Get_Bcast(). In a callback:
- * yes. */
+
+/**
+ * Reads what Tavrik_Set_Channel() sets.
+ *
+ * @param[out] channel 0 is automatic, also where the package says "auto".
+ * @return as Tavrik_Get_Bcast().
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
 TAVRIK_API int Tavrik_Get_Channel(int *channel, int second, int band);
 
 /** Access points of a band, to be added up. */
