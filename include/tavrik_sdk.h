@@ -2211,7 +2211,7 @@ enum { TAVRIK_WIFI_2G = 0, TAVRIK_WIFI_5G = 1 };
  * @return 0 when the option is written and the restart's exit status is 0. -1 when an argument is refused (NULL, 33
  *         bytes or more, a byte below 0x20, a band that there is not), or the package cannot be read or written:
  *         nothing is changed then. -1, too, with the option written, when the restart cannot be started, has another
- *         status, or is ended by a signal.
+ *         status, or is ended by a signal; a program that ignores SIGCHLD learns of the first alone.
  *
  * Blocks: 5 s for each lock of uci that another program holds, and then until the service has restarted, however long
  * that takes. In a callback: yes.
