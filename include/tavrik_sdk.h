@@ -2473,6 +2473,256 @@ TAVRIK_API int Tavrik_SMS_Decode(const char *pdu, Tavrik_SmsDetail *detail);
  */
 TAVRIK_API int Tavrik_SMS_Join(const Tavrik_SmsDetail *detail, char **text, int32_t *length);
 
+/* ---- WiFi ---------------------------------------------------------------------------------------------------- */
+
+/* The module's WiFi access points: options of the uci package "wireless", which the WiFi service reads when it is
+ * restarted. Each setter writes its option and restarts the service ("/etc/init.d/mwlan restart"), so stations lose
+ * their connection for a while; getters read the option, whether the service has taken it or not.
+ *
+ * In all of them `band` names the radio, 0 (TAVRIK_WIFI_2G) or 1 (TAVRIK_WIFI_5G), and `second` is not read: give 0.
+ * Network mode, bandwidth and channel stand in the sections "AP0_2G" and "AP0_5G" of type "wifi-device", the others in
+ * "AP0_2G_if" and "AP0_5G_if" of type "wifi-iface"; a section that is missing is not made. Threads may change settings
+ * at the same time: no change is lost, and the service restarts for each. */
+
+enum { TAVRIK_WIFI_2G = 0, TAVRIK_WIFI_5G = 1 };
+
+/** Buffer sizes, with the terminating zero: a network's name, and the longest key that a file may hold. */
+#define TAVRIK_WIFI_SSID_SIZE 33
+#define TAVRIK_WIFI_KEY_SIZE 65
+
+/**
+ * Names the network ("ssid").
+ *
+ * Standard: IEEE 802.11 clause 9.4.2.2.
+ *
+ * @param ssid at most 32 bytes, of any encoding, each 0x20 or above. An empty text removes the option.
+ * @return 0 when the option is written and the restart's exit status is 0. -1 when an argument is refused (NULL, 33
+ *         bytes or more, a byte below 0x20, a band that there is not), or the package cannot be read or written:
+ *         nothing is changed then. -1, too, with the option written, when the restart cannot be started, has another
+ *         status, or is ended by a signal; a program that ignores SIGCHLD learns of the first alone.
+ *
+ * Blocks: 5 s for each lock of uci that another program holds, and then until the service has restarted, however long
+ * that takes. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Set_SSID(const char *ssid, int second, int band);
+
+/**
+ * Reads the network's name. Failures are told by the log alone: preset the buffer.
+ *
+ * @param[out] ssid of TAVRIK_WIFI_SSID_SIZE bytes; a longer text is cut to 32 bytes. Unchanged on failure.
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
+TAVRIK_API void Tavrik_Get_SSID(char *ssid, int second, int band);
+
+/**
+ * Hides the network's name, or broadcasts it ("hidden").
+ *
+ * @param hidden 0 the name is broadcast, 1 hidden; others are refused.
+ * @return as Tavrik_Set_SSID().
+ *
+ * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Set_Bcast(int hidden, int second, int band);
+
+/**
+ * Reads what Tavrik_Set_Bcast() sets.
+ *
+ * @param[out] hidden 0 or 1.
+ * @return 0; -1, with the output unchanged, when it is NULL, for a band that there is not, when the package cannot be
+ *         read, and when the option is missing, a list, or none of the values that the operation knows.
+ *
+ * Blocks: 5 s for each lock of uci that another program holds. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Get_Bcast(int *hidden, int second, int band);
+
+/**
+ * Keeps stations apart ("isolate").
+ *
+ * @param isolate 0 stations reach one another, 1 they do not; others are refused.
+ * @return as Tavrik_Set_SSID().
+ *
+ * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Set_Isolate(int isolate, int second, int band);
+
+/**
+ * Reads what Tavrik_Set_Isolate() sets.
+ *
+ * @param[out] isolate 0 or 1.
+ * @return as Tavrik_Get_Bcast().
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Get_Isolate(int *isolate, int second, int band);
+
+/** How stations prove that they may join, and what encrypts. */
+enum {
+    TAVRIK_WIFI_AUTH_OPEN = 0,      /**< "none": no key */
+    TAVRIK_WIFI_AUTH_WPA2 = 1,      /**< "psk2" */
+    TAVRIK_WIFI_AUTH_WPA2_TKIP = 2, /**< "psk2+tkip+ccmp": TKIP allowed, too */
+    TAVRIK_WIFI_AUTH_WPA = 3,       /**< "psk+ccmp" */
+    TAVRIK_WIFI_AUTH_WPA_TKIP = 4,  /**< "psk+tkip+ccmp" */
+    TAVRIK_WIFI_AUTH_MIXED_AES = 5, /**< "mixed-psk+aes": WPA or WPA2 */
+    TAVRIK_WIFI_AUTH_MIXED = 6,     /**< "mixed-psk"; read, also any other word with "mixed" */
+    TAVRIK_WIFI_AUTH_SHARED = 7,    /**< only read, a word with "+shared": WEP, which protects nothing */
+    TAVRIK_WIFI_AUTH_TKIP = 8       /**< only read, any other word with "+tkip" */
+};
+
+/**
+ * Sets authentication ("encryption") and key ("key1"), both or none.
+ *
+ * Standard: IEEE 802.11 clause 12, annex J.4 (pass-phrases).
+ *
+ * @param auth TAVRIK_WIFI_AUTH_OPEN to TAVRIK_WIFI_AUTH_MIXED; others are refused.
+ * @param key  8 to 63 characters from blank (0x20) to tilde (0x7E); others are refused. Not read, and NULL allowed, for
+ *             TAVRIK_WIFI_AUTH_OPEN: the key of before stays in the package.
+ * @return as Tavrik_Set_SSID().
+ *
+ * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Set_Auth(int auth, const char *key, int second, int band);
+
+/**
+ * Reads authentication and key.
+ *
+ * @param[out] auth TAVRIK_WIFI_AUTH_OPEN to TAVRIK_WIFI_AUTH_TKIP.
+ * @param[out] key  of TAVRIK_WIFI_KEY_SIZE bytes, or NULL: the key as it stands in the package, empty when there is
+ *                  none. One that does not fit fails the call.
+ * @return as Tavrik_Get_Bcast().
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Get_Auth(int *auth, char *key, int second, int band);
+
+/**
+ * Limits how many stations may be connected at a time ("maxassoc").
+ *
+ * @param count 1 to 2007; others are refused. What the radio can serve may be fewer.
+ * @return as Tavrik_Set_SSID().
+ *
+ * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_WiFi_Connect_Num_Config(int count, int second, int band);
+
+/** Network modes: what stations may speak. */
+enum {
+    TAVRIK_WIFI_11G = 2,  /**< "11g", 2.4 GHz */
+    TAVRIK_WIFI_11BG = 3, /**< "11bg", 2.4 GHz */
+    TAVRIK_WIFI_11NG = 4, /**< "11ng", 2.4 GHz */
+    TAVRIK_WIFI_11A = 5,  /**< "11a", 5 GHz */
+    TAVRIK_WIFI_11NA = 6, /**< "11na", 5 GHz */
+    TAVRIK_WIFI_11AC = 7  /**< "11ac", 5 GHz */
+};
+
+/**
+ * Sets the radio's network mode ("hwmode").
+ *
+ * @param mode one of the band's: 2 to 4 for 2.4 GHz, 5 to 7 for 5 GHz. Others are refused, without a line in the log.
+ * @return as Tavrik_Set_SSID().
+ *
+ * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Set_Netmode(int mode, int second, int band);
+
+/**
+ * Reads what Tavrik_Set_Netmode() sets.
+ *
+ * @param[out] mode one of the band's.
+ * @return as Tavrik_Get_Bcast().
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Get_Netmode(int *mode, int second, int band);
+
+/**
+ * Sets the radio's bandwidth ("htmode"), while the network mode is TAVRIK_WIFI_11NG or TAVRIK_WIFI_11NA: with any
+ * other, TAVRIK_WIFI_11AC among them, it is refused.
+ *
+ * @param bandwidth 0 20 MHz ("HT20", 5 GHz "VHT20"), 1 40 MHz ("HT40", "VHT40"), 5 GHz alone 2 80 MHz ("VHT80").
+ *                  Others are refused, without a line in the log.
+ * @return as Tavrik_Set_SSID().
+ *
+ * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Set_Band(int bandwidth, int second, int band);
+
+/**
+ * Reads what Tavrik_Set_Band() sets.
+ *
+ * @param[out] bandwidth 0, 1 or 2.
+ * @return as Tavrik_Get_Bcast().
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Get_Band(int *bandwidth, int second, int band);
+
+/**
+ * Sets the radio's channel ("channel").
+ *
+ * @param channel 2.4 GHz: what check_channel_with_crty() allows. 5 GHz: 0 (automatic), 36, 40, 44, 48, 52, 56, 60, 64,
+ *                149, 153, 157 or 161. Others are refused, without a line in the log.
+ * @return as Tavrik_Set_SSID().
+ *
+ * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Set_Channel(int channel, int second, int band);
+
+/**
+ * Reads what Tavrik_Set_Channel() sets.
+ *
+ * @param[out] channel 0 is automatic, also where the package says "auto".
+ * @return as Tavrik_Get_Bcast().
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Get_Channel(int *channel, int second, int band);
+
+/** Access points of a band, to be added up. */
+enum {
+    TAVRIK_WIFI_AP0 = 1, /**< the first, "AP0_2G" or "AP0_5G" */
+    TAVRIK_WIFI_AP1 = 2  /**< the second, "AP1_2G" or "AP1_5G" */
+};
+
+/**
+ * Switches the band's access points on and off ("disabled"), all or none of the change.
+ *
+ * @param mode 0 none, TAVRIK_WIFI_AP0, TAVRIK_WIFI_AP1, or their sum for both; others are refused. An access point
+ * whose section is missing is off: to switch it on fails.
+ * @return as Tavrik_Set_SSID().
+ *
+ * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Set_WiFi_Mode(int mode, int second, int band);
+
+/**
+ * Reads which of the band's access points are on.
+ *
+ * @param[out] mode 0, or TAVRIK_WIFI_AP0 and TAVRIK_WIFI_AP1 added up: those whose section is there, with "disabled"
+ *                  missing or "0".
+ * @return as Tavrik_Get_Bcast(); -1 only for a refused argument, and when the package cannot be read.
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Get_WiFi_Mode(int *mode, int second, int band);
+
+#ifndef TAVRIK_NO_SHORT_NAMES
+
+/**
+ * Tells whether a 2.4 GHz channel is allowed in the country that the package names ("country" of the sections of type
+ * "wifi-device", the last that has it).
+ *
+ * @param channel 0 automatic, 1 and up.
+ * @param second  not read.
+ * @return 1 when the country is one of the 140 of the library's table, by its code in upper case, and the channel not
+ *         above its highest one (11 to 14); 0 otherwise, and always in a country without any (IR, SY).
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
+TAVRIK_API int check_channel_with_crty(int channel, int second);
+
+#endif
+
 #ifdef __cplusplus
 }
 #endif

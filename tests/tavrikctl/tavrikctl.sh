@@ -54,7 +54,10 @@ outside)
   expect 2 '' ecall config --mode ET
   expect 2 '' sms send
   expect 2 '' sms send 1 x --timeout 60001
-  for verb in 'dm info' 'dm mode' 'uim number' 'nw signal' 'pm lock' 'call watch' 'ecall start' 'sms send' 'monitor' 'at' 'log test'; do
+  expect 2 '' wifi ap list
+  expect 2 '' wifi ap show --band 6
+  expect 2 '' wifi ap set --auth wep --key 12345678
+  for verb in 'dm info' 'dm mode' 'uim number' 'nw signal' 'pm lock' 'call watch' 'ecall start' 'sms send' 'wifi ap' 'monitor' 'at' 'log test'; do
     # shellcheck disable=SC2086 # two words
     "$build/tavrikctl" $verb --help | grep -q '^Usage: tavrikctl' || { echo "$verb: no help" && failed=1; }
   done
@@ -67,6 +70,7 @@ outside)
   "$build/tavrik-sim" run --without at --without bus -- "$0" "$build" empty || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" module || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" radio || failed=1
+  "$build/tavrik-sim" run -- "$0" "$build" wifi || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" events || failed=1
   "$build/tavrik-sim" run --scenario "${0%/*}/../../sim/scenarios/drive.json" -- "$0" "$build" drive || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" calls || failed=1
@@ -103,9 +107,9 @@ empty)
   done
   exit $failed
   ;;
-radio | events | drive | calls | sms)
+radio | wifi | events | drive | calls | sms)
   # shellcheck source=/dev/null
-  [ "$place" = radio ] || . "${0%/*}/monitor.sh"
+  case $place in radio | wifi) ;; *) . "${0%/*}/monitor.sh" ;; esac
   # shellcheck source=/dev/null
   . "${0%/*}/$place.sh"
   exit $failed

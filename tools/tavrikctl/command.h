@@ -98,6 +98,7 @@ Family nw_family();
 Family pm_family();
 Family sms_family();
 Family uim_family();
+Family wifi_family();
 
 struct Table {
     std::vector<Parameter> options; // of every verb
