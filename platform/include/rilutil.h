@@ -2,8 +2,7 @@
 //
 // A request blob holds the field "reqid" and, with a payload, "data"; a reply blob holds "reqid", "error" and, where
 // the service has something to say, "data". Payloads are fixed-width little-endian whatever the machine, so that a
-// simulator on a PC can serve a 32-bit ARM program. Numbers of RilCall and
-// RilDataCall are little-endian, too.
+// simulator on a PC can serve a 32-bit ARM program. Numbers of RilCall and RilDataCall are little-endian, too.
 #pragma once
 
 #include <stddef.h>
