@@ -96,6 +96,8 @@ void Module::renew() {
     context_.rules = RuleTable::built_in();
     context_.rules.add(scenario_.rules);
     context_.clock.reset();
+    for (auto &[name, service] : context_.services)
+        service->renew();
 }
 
 void Module::fail(int code, const std::string &message) {

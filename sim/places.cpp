@@ -6,6 +6,8 @@
 namespace tavrik::sim {
 
 const std::vector<Place> &places() {
+    // A stand-in tells its command line.
+    static const std::string report = std::string("printf '%s\\n' \"${0##*/}${*:+ $*}\" >") + programs_fifo + "\n";
     static const std::vector<Place> list = {
         {"/tmp", Make::opened},
         {"/run", Make::opened},
@@ -22,6 +24,7 @@ const std::vector<Place> &places() {
         {"/var/run/ubus.sock", Make::link, "ubus/ubus.sock"},
         {"/etc/config", Make::folder},
         {"/etc/stat", Make::folder},
+        {"/etc/resolv.conf", Make::file}, // the module's name servers are not the host's
         {"/tmp/.uci", Make::folder},
         {"/dev/kmsg", Make::fifo, "kmsg"},
         {"/sys/power", Make::folder},
@@ -29,7 +32,10 @@ const std::vector<Place> &places() {
         {"/sys/power/wake_lock", Make::fifo, "wake_lock"},
         {"/sys/power/wake_unlock", Make::fifo, "wake_unlock"},
         {programs_fifo, Make::fifo, "program"},
-        {std::filesystem::path(sandbox_programs) / "reboot", Make::program},
+        {wifi_service_path, Make::program,
+         report + "[ ! -e " + wifi_service_fate + " ] || . " + wifi_service_fate + "\n"},
+        {std::filesystem::path(sandbox_programs) / "reboot", Make::program, report},
+        {std::filesystem::path(sandbox_programs) / "uci", Make::link, uci_program()},
         // A FIFO cannot be read like the kernel's file.
         {std::filesystem::path(sandbox_programs) / "cat", Make::program,
          "case \"$*\" in\n"

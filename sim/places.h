@@ -12,8 +12,9 @@ enum class Make {
     folder,  // an empty folder, whatever the host has there
     absent,  // not bound back into the opened folder it is in
     link,    // a symbolic link to `text`
+    file,    // a file with `text`, whatever the host has there
     fifo,    // a FIFO; lines that arrive are recorded as `text`
-    program, // a stand-in, of which `text` is the script; without one it reports its command line and succeeds
+    program, // a stand-in, of which `text` is the script
 };
 
 struct Place {
@@ -23,6 +24,12 @@ struct Place {
 };
 
 inline constexpr char at_server_path[] = "/tmp/atcmdsdk";
+
+// The overlay of /etc keeps its changes in a file system of its own, which can be filled up.
+inline constexpr char overlay_changes[] = "/run/tavrik-sim/overlay";
+
+// The WiFi service, and what its stand-in does beside reporting its command line, a script.
+inline constexpr char wifi_service_path[] = "/etc/init.d/mwlan", wifi_service_fate[] = "/run/tavrik-sim/mwlan";
 
 // The FIFO to which stand-ins write their command line.
 inline constexpr char programs_fifo[] = "/run/tavrik-sim/program";

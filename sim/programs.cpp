@@ -62,13 +62,15 @@ std::string find_bus_daemon() {
                                     : "found no " TAVRIK_BUS_DAEMON_NAME "; TAVRIK_UBUSD may name one");
 }
 
+std::string uci_program() {
+    return TAVRIK_UCI_PROGRAM;
+}
+
 std::string search_path() {
     std::string path = std::string(sandbox_programs) + ":" + own_folder().string() + ":" + caller_path();
-    for (const fs::path program : {TAVRIK_UCI_PROGRAM, TAVRIK_UBUS_PROGRAM}) {
-        if (!program.empty())
-            path += ":" + program.parent_path().string();
-    }
-    return path;
+    if (const fs::path ubus = TAVRIK_UBUS_PROGRAM; !ubus.empty())
+        path += ":" + ubus.parent_path().string();
+    return path + ":/usr/sbin:/sbin";
 }
 
 } // namespace tavrik::sim

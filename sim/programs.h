@@ -11,8 +11,11 @@ std::string find_bus_daemon();
 // This program.
 std::filesystem::path own_program();
 
-// PATH inside a sandbox: the stand-ins, this program's folder (with tavrikctl), the caller's PATH, then the folders of
-// `uci` and `ubus`.
+// The `uci` of libuci; empty where the build found none.
+std::string uci_program();
+
+// PATH inside a sandbox: the stand-ins and `uci`, this program's folder (with tavrikctl), the caller's PATH, then the
+// folder of `ubus` and those of `ifconfig` and `ip`, which a user's PATH may lack.
 std::string search_path();
 
 } // namespace tavrik::sim

@@ -74,14 +74,18 @@ class Tree {
         case Make::fifo:
             taps_.push_back({place.text, fifo(place.path)});
             break;
+        case Make::file:
         case Make::program:
-            create(place.path, [&](const fs::path &at) {
-                const std::string report = std::string("printf '%s\\n' \"${0##*/}${*:+ $*}\" >") + programs_fifo + "\n";
-                std::ofstream(at) << "#!/bin/sh\n" << (place.text.empty() ? report : place.text);
-                check(chmod(at.c_str(), 0755), at);
-            });
+            if (!made_.count(place.path))
+                create(place.path, [&](const fs::path &at) { write(place, at); });
             break;
         }
+    }
+
+    static void write(const Place &place, const fs::path &at) {
+        const bool program = place.make == Make::program;
+        std::ofstream(at) << (program ? "#!/bin/sh\n" : "") << place.text;
+        check(chmod(at.c_str(), program ? 0755 : 0644), at);
     }
 
     bool is_own(const fs::path &path) const {
@@ -142,24 +146,38 @@ class Tree {
     void overlay(const fs::path &path) {
         int fd = open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
         check(fd, path);
-        fs::path base = fs::path("/run/tavrik-sim/overlay") / path.filename();
-        fs::create_directories(base / "upper");
-        fs::create_directories(base / "work");
+        fs::path changes = overlay_changes, upper = changes / "upper";
+        fs::create_directories(changes);
+        mount_own("tmpfs", changes, "mode=755");
+        fs::create_directories(upper);
+        fs::create_directories(changes / "work");
+        std::set<fs::path> made;
         for (const Place &place : places_) {
+            const fs::path within = place.path.lexically_relative(path), at = upper / within;
+            if (within == "." || *within.begin() == "..")
+                continue;
             // Made here they are ours to change, even where the host has one that is not.
-            if (place.make == Make::folder && place.path.parent_path() == path)
-                fs::create_directory(base / "upper" / place.path.filename());
+            fs::create_directories(at.parent_path());
+            if (place.make == Make::folder) {
+                fs::create_directory(at);
+            } else {
+                write(place, at);
+                made.insert(place.path);
+            }
         }
-        std::string options = "lowerdir=" + path.string() + ",upperdir=" + (base / "upper").string() +
-                              ",workdir=" + (base / "work").string();
+        std::string options =
+            "lowerdir=" + path.string() + ",upperdir=" + upper.string() + ",workdir=" + (changes / "work").string();
         std::vector<fs::path> below = mounts_below(path);
         try {
             mount_own("overlay", path, options + ",userxattr");
             // An overlay does not show what is mounted further down: a container's /etc/hosts, for example.
             for (const fs::path &to : below) {
+                if (made.count(to))
+                    continue;
                 fs::path from = fs::path("/proc/self/fd") / std::to_string(fd) / to.lexically_relative(path);
                 mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr);
             }
+            made_ = std::move(made);
         } catch (const std::system_error &) {
             open_folder(path); // No overlays here, or too many upon each other.
         }
@@ -235,6 +253,7 @@ class Tree {
 
     std::vector<Place> places_;
     std::set<dev_t> own_;
+    std::set<fs::path> made_; // together with the overlay that they are in
     std::vector<Tap> taps_;
 };
 

@@ -30,6 +30,12 @@ bool Fault::for_requests() const {
            reply || status || times != 1;
 }
 
+bool Fault::stands() const {
+    return standing.freeze || standing.refuse || standing.stop || standing.full || standing.read_only ||
+           !standing.locks.empty() || standing.sleep_ms || standing.signal || standing.exit_code ||
+           !standing.flood.empty();
+}
+
 Fault Fault::from(Args &args, std::string_view effects) {
     Fault fault;
     fault.service = args.text("service").value_or("");
@@ -96,6 +102,17 @@ Fault Fault::from(Args &args, std::string_view effects) {
         fault.standing.stop = args.flag("stop");
     if (knows("full"))
         fault.standing.full = args.flag("full");
+    if (knows("read_only"))
+        fault.standing.read_only = args.flag("read_only");
+    if (knows("lock"))
+        if (auto package = args.text("lock"))
+            fault.standing.locks.insert(*package);
+    if (knows("sleep"))
+        fault.standing.sleep_ms = args.milliseconds("sleep", 0);
+    if (knows("signal"))
+        fault.standing.signal = static_cast<int>(args.number("signal", 1, 64).value_or(0));
+    if (knows("exit"))
+        fault.standing.exit_code = static_cast<int>(args.number("exit", 1, 255).value_or(0));
     if (knows("restart"))
         fault.restart = args.flag("restart");
     if (knows("flood"))
@@ -145,6 +162,11 @@ Standing Faults::standing(std::string_view service) const {
         all.refuse |= fault.standing.refuse;
         all.stop |= fault.standing.stop;
         all.full |= fault.standing.full;
+        all.read_only |= fault.standing.read_only;
+        all.locks.insert(fault.standing.locks.begin(), fault.standing.locks.end());
+        all.sleep_ms = std::max(all.sleep_ms, fault.standing.sleep_ms);
+        all.signal = std::max(all.signal, fault.standing.signal);
+        all.exit_code = std::max(all.exit_code, fault.standing.exit_code);
         all.flood += fault.standing.flood;
     }
     return all;

@@ -4,6 +4,7 @@
 #include <list>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -19,7 +20,11 @@ struct Standing {
     bool refuse = false; // no new connection
     bool stop = false;   // gone
     bool full = false;   // files take no byte
-    std::string flood;   // sent without end
+    bool read_only = false;
+    std::set<std::string> locks; // packages of uci that another program holds
+    // What a program does that was started: takes its time, dies of a signal, or ends with a code.
+    int sleep_ms = 0, signal = 0, exit_code = 0;
+    std::string flood; // sent without end
 };
 
 // What is wrong with a service (docs/simulator.md, "Faults").
@@ -51,9 +56,7 @@ struct Fault {
     bool close_now = false;
 
     bool for_requests() const;
-    bool stands() const {
-        return standing.freeze || standing.refuse || standing.stop || standing.full || !standing.flood.empty();
-    }
+    bool stands() const;
     // `effects` are the names that the service knows. Throws std::invalid_argument.
     static Fault from(Args &args, std::string_view effects);
 

@@ -6,6 +6,7 @@
 
 #include "control/args.h"
 #include "model/message.h"
+#include "services/uci_packages.h"
 
 namespace tavrik::sim {
 
@@ -223,7 +224,14 @@ Action parse_fault(Context &context, const json &object) {
         json result = json::object();
         if (fault.for_requests() || fault.stands())
             result["fault"] = context.faults.add(fault);
-        context.apply_faults();
+        try {
+            context.apply_faults();
+        } catch (const std::exception &) {
+            // It cannot be done, and is not.
+            context.faults.remove(result["fault"].get<unsigned>(), {});
+            context.apply_faults();
+            throw;
+        }
         settle(context, done, result);
     };
 }
@@ -272,6 +280,19 @@ Action parse_rules(Context &context, const json &object) {
     };
 }
 
+Action parse_uci(Context &, const json &object) {
+    Args args(object);
+    const std::optional<std::string> package = args.text("package"), text = args.text("text");
+    args.finish();
+    if (!package)
+        throw std::invalid_argument("\"package\" is missing");
+    uci_file(*package);
+    return [package, text](const Done &done) {
+        put_uci_package(*package, text);
+        succeed(done);
+    };
+}
+
 Action parse_verbs(Context &, const json &args) {
     Args(args).finish();
     return [](const Done &done) { succeed(done, {{"verbs", verb_names()}}); };
@@ -284,7 +305,7 @@ const struct {
     {"advance", parse_advance}, {"call", parse_call},     {"clear", parse_clear}, {"context", parse_context},
     {"fault", parse_fault},     {"hangup", parse_hangup}, {"line", parse_line},   {"message", parse_message},
     {"record", parse_record},   {"reset", parse_reset},   {"rules", parse_rules}, {"state", parse_state},
-    {"verbs", parse_verbs},     {"wait", parse_wait},
+    {"uci", parse_uci},         {"verbs", parse_verbs},   {"wait", parse_wait},
 };
 
 } // namespace

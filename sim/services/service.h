@@ -28,6 +28,8 @@ class Service {
     virtual void close_connections() {}
     // Forgets replies that have not gone out.
     virtual void discard_replies() {}
+    // As new; before the start, too.
+    virtual void renew() {}
     virtual nlohmann::json describe() const;
 };
 
@@ -44,6 +46,9 @@ std::unique_ptr<Service> make_bus_daemon(Context &);
 std::unique_ptr<Service> make_at_server(Context &);
 std::unique_ptr<Service> make_indication_server(Context &);
 std::unique_ptr<Service> make_power(Context &);
+std::unique_ptr<Service> make_etc(Context &);
+std::unique_ptr<Service> make_tmp(Context &);
+std::unique_ptr<Service> make_wifi(Context &);
 std::unique_ptr<Service> make_ril(Context &);
 std::unique_ptr<Service> make_sms(Context &);
 std::unique_ptr<Service> make_bus_control(Context &);

@@ -72,14 +72,15 @@ for socket in /tmp/atcmdsdk /tmp/atcmdsdkind /var/run/ubus/ubus.sock /var/run/ub
 [ -p /dev/kmsg ] && echo "kernel text" >/dev/kmsg
 echo lock >/sys/power/wake_lock && [ "$(cat /sys/power/wake_lock)" = lock ]
 reboot -f
-[ -z "$(ls -A /etc/config)$(ls -A /etc/stat)" ]
-echo "config interface lan" >/etc/config/network
+[ "$(ls -A /etc/config | xargs)" = "dhcp network wireless" ] && [ -z "$(ls -A /etc/stat)$(cat /etc/resolv.conf)" ]
+uci set network.lan.auto=1 && uci commit && [ "$(uci get network.lan.auto)" = 1 ]
+/etc/init.d/mwlan restart
 touch /etc/config/.temporary && mv /etc/config/.temporary /etc/stat/data_statistics
 grep -q ^root: /etc/passwd
 touch /tmp/in_sandbox "/run/$(basename "$work")"
 echo result >"$work/result"
 bash -c 'exec 3<>/dev/tcp/127.0.0.1/9' 2>&1 | grep -q refused
-for line in kmsg,kernel program,reboot; do
+for line in kmsg,kernel program,reboot program,mwlan; do
     n=0
     until tavrik-sim call record "{\"kind\": \"${line%,*}\"}" | grep -q "${line#*,}"; do [ $((n += 1)) -lt 100 ]; sleep 0.05; done
 done
