@@ -257,12 +257,7 @@ Action parse_context(Context &context, const json &object) {
     if (!cid || !state)
         throw std::invalid_argument("\"cid\" or \"state\" is missing");
     return [&context, name = std::to_string(*cid), up = *state != 0](const Done &done) {
-        std::string others, listed = context.modem.state().contexts + ",";
-        for (size_t from = 0, end; (end = listed.find(',', from)) != std::string::npos; from = end + 1)
-            if (const std::string other = listed.substr(from, end - from); !other.empty() && other != name)
-                others += other + ",";
-        context.modem.set(
-            {{"contexts", up ? others + name : others.substr(0, others.empty() ? 0 : others.size() - 1)}});
+        context.modem.set({{"contexts", with_context(context.modem.state().contexts, name, up)}});
         succeed(done, {{"contexts", context.modem.state().contexts}});
     };
 }

@@ -189,15 +189,103 @@ bool push_msd(Modem &modem, const std::string &) {
     return true;
 }
 
+std::optional<int32_t> cid_in(const std::string &text) {
+    int32_t cid = 0;
+    auto end = text.data() + text.size();
+    auto parsed = std::from_chars(text.data(), end, cid);
+    return parsed.ec == std::errc() && parsed.ptr == end && cid >= 1 && cid <= last_pdp_cid ? std::optional(cid)
+                                                                                            : std::nullopt;
+}
+
+// Cid, type and access point, a line each.
+bool define(Modem &modem, const std::string &how) {
+    const size_t first = how.find('\n'), second = how.find('\n', first + 1);
+    const std::optional<int32_t> cid = cid_in(how.substr(0, first));
+    if (!cid || second == std::string::npos)
+        return false;
+    PdpContext pdp{*cid, how.substr(first + 1, second - first - 1), how.substr(second + 1)};
+    if (pdp.type != "IP" && pdp.type != "IPV6" && pdp.type != "IPV4V6")
+        return false;
+    change(modem, [&](ModemState &state) {
+        auto place = std::lower_bound(state.pdp.begin(), state.pdp.end(), *cid,
+                                      [](const PdpContext &one, int32_t number) { return one.cid < number; });
+        if (place != state.pdp.end() && place->cid == *cid)
+            *place = std::move(pdp);
+        else
+            state.pdp.insert(place, std::move(pdp));
+    });
+    return true;
+}
+
+// One that is up stays.
+bool undefine(Modem &modem, const std::string &text) {
+    const std::optional<int32_t> cid = cid_in(text);
+    const std::vector<std::string> up = contexts_in(modem.state().contexts);
+    if (!cid || std::count(up.begin(), up.end(), std::to_string(*cid)))
+        return false;
+    change(modem, [&](ModemState &state) {
+        state.pdp.erase(
+            std::remove_if(state.pdp.begin(), state.pdp.end(), [&](const PdpContext &one) { return one.cid == *cid; }),
+            state.pdp.end());
+    });
+    return true;
+}
+
+// Down is where one that was never up is already.
+bool move_context(Modem &modem, const std::string &text, bool up) {
+    const std::optional<int32_t> cid = cid_in(text);
+    const ModemState &state = modem.state();
+    const bool can = !up || (state.mode == 1 && state.attached && find_pdp(state, cid.value_or(0)));
+    if (!cid || !can)
+        return false;
+    change(modem, [&](ModemState &now) { now.contexts = with_context(now.contexts, std::to_string(*cid), up); });
+    return true;
+}
+
+bool activate(Modem &modem, const std::string &cid) {
+    return move_context(modem, cid, true);
+}
+
+bool deactivate(Modem &modem, const std::string &cid) {
+    return move_context(modem, cid, false);
+}
+
 const struct {
     std::string_view name;
     bool (*run)(Modem &modem, const std::string &argument);
 } actions[] = {
-    {"answer", answer},       {"dial", dial},       {"drop", drop}, {"ecall", start_ecall}, {"ecall_end", end_ecall},
-    {"ecall_push", push_msd}, {"hang_up", hang_up}, {"ring", ring}, {"tone", tone},
+    {"activate", activate},   {"deactivate", deactivate}, {"define", define},
+    {"undefine", undefine},   {"answer", answer},         {"dial", dial},
+    {"drop", drop},           {"ecall", start_ecall},     {"ecall_end", end_ecall},
+    {"ecall_push", push_msd}, {"hang_up", hang_up},       {"ring", ring},
+    {"tone", tone},
 };
 
 } // namespace
+
+std::vector<std::string> contexts_in(const std::string &contexts) {
+    std::vector<std::string> all;
+    for (size_t from = 0, end; from < contexts.size(); from = end + 1) {
+        end = std::min(contexts.find(',', from), contexts.size());
+        all.push_back(contexts.substr(from, end - from));
+    }
+    return all;
+}
+
+std::string with_context(const std::string &contexts, const std::string &name, bool up) {
+    std::string all;
+    for (const std::string &other : contexts_in(contexts))
+        if (!other.empty() && other != name)
+            all += (all.empty() ? "" : ",") + other;
+    return up ? all + (all.empty() ? "" : ",") + name : all;
+}
+
+const PdpContext *find_pdp(const ModemState &state, int32_t cid) {
+    for (const PdpContext &pdp : state.pdp)
+        if (pdp.cid == cid)
+            return &pdp;
+    return nullptr;
+}
 
 bool Modem::knows(std::string_view action) {
     return std::any_of(std::begin(actions), std::end(actions), [&](auto &row) { return row.name == action; });

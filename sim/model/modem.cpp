@@ -16,7 +16,8 @@ namespace {
 
 struct Field {
     std::string_view name;
-    std::variant<std::string ModemState::*, int32_t ModemState::*, bool ModemState::*, std::vector<Call> ModemState::*>
+    std::variant<std::string ModemState::*, int32_t ModemState::*, bool ModemState::*, std::vector<Call> ModemState::*,
+                 std::vector<PdpContext> ModemState::*>
         member;
     int32_t min = INT_MIN; // of a number
     int32_t max = INT_MAX; // of a number; the length of a text
@@ -70,7 +71,9 @@ const Field fields[] = {
     {"reject_report", &ModemState::reject_report},
     {"reject_causes", &ModemState::reject_causes},
     {"powerind", &ModemState::powerind, 0, 31},
+    {"pdp", &ModemState::pdp},
     {"contexts", &ModemState::contexts},
+    {"link_up", &ModemState::link_up},
     {"calls", &ModemState::calls},
     {"alert_ms", &ModemState::alert_ms},
     {"answer_ms", &ModemState::answer_ms},
@@ -112,6 +115,12 @@ json json_of(const std::vector<Call> &calls) {
     json all = json::array();
     for (const Call &call : calls)
         all.push_back({{"id", call.id}, {"state", call.state}, {"incoming", call.incoming}, {"number", call.number}});
+    return all;
+}
+json json_of(const std::vector<PdpContext> &contexts) {
+    json all = json::array();
+    for (const PdpContext &pdp : contexts)
+        all.push_back({{"cid", pdp.cid}, {"type", pdp.type}, {"apn", pdp.apn}});
     return all;
 }
 template <class Value>
@@ -167,6 +176,27 @@ struct Store {
         }
         state.*member = std::move(calls);
     }
+    void operator()(std::vector<PdpContext> ModemState::*member) const {
+        if (!value.is_array())
+            refuse(field, "is an array of contexts");
+        std::vector<PdpContext> contexts;
+        for (const json &one : value) {
+            PdpContext pdp;
+            if (!one.is_object())
+                refuse(field, "holds objects");
+            for (auto &[key, part] : one.items())
+                if (key == "cid" && part.is_number_integer())
+                    pdp.cid = part.get<int32_t>();
+                else if (key == "type" && part.is_string())
+                    pdp.type = part.get<std::string>();
+                else if (key == "apn" && part.is_string())
+                    pdp.apn = part.get<std::string>();
+                else
+                    refuse(field, "has no \"" + key + "\" like this");
+            contexts.push_back(std::move(pdp));
+        }
+        state.*member = std::move(contexts);
+    }
 };
 
 } // namespace
@@ -198,6 +228,8 @@ std::string Modem::text(std::string_view name) const {
         return std::to_string(state_.**number);
     if (auto *calls = std::get_if<std::vector<Call> ModemState::*>(&field->member))
         return std::to_string((state_.**calls).size());
+    if (auto *contexts = std::get_if<std::vector<PdpContext> ModemState::*>(&field->member))
+        return std::to_string((state_.**contexts).size());
     return state_.*std::get<bool ModemState::*>(field->member) ? "1" : "0";
 }
 
@@ -226,6 +258,8 @@ void Modem::reset(const json &given) {
 }
 
 void Modem::report(const ModemState &before) const {
+    if (on_change)
+        on_change();
     for (const std::string &line : reports(before, state_))
         unsolicited(line);
 }

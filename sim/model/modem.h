@@ -17,6 +17,13 @@ struct Call {
     uint64_t serial = 0; // of one that has come about by itself: ids are used again
 };
 
+// A packet data context as it was defined.
+struct PdpContext {
+    int32_t cid = 1;
+    std::string type = "IP";
+    std::string apn;
+};
+
 // Everything that a modem knows. A new one is as it leaves the factory.
 struct ModemState {
     std::string manufacturer = "Tavrik";
@@ -56,7 +63,10 @@ struct ModemState {
     std::string reject_causes; // "A,B,C;…"
     int32_t powerind = 0;
 
-    std::string contexts; // the packet data contexts that are up, "1,5,…"
+    std::vector<PdpContext> pdp; // packet data contexts that are defined
+    std::string contexts;        // those that are up, "1,5,…"
+    bool link_up = true;         // the link of one that goes up comes up with it
+
     // Calls. What the other side does comes so many ms later, or never with a negative number.
     std::vector<Call> calls;
     uint64_t last_serial = 0;
@@ -78,6 +88,14 @@ struct ModemState {
                 ecall_t10 = "43200", ecall_dial = "60", ecall_redialcnt = "10", ecall_redialtmr = "30",
                 ecall_smsmsdcnt = "10", ecall_sms = "30", ecall_smsnum = "112";
 };
+
+// Contexts that can be defined have the numbers from 1 to this one.
+inline constexpr int32_t last_pdp_cid = 16;
+// NULL when it is not defined.
+const PdpContext *find_pdp(const ModemState &state, int32_t cid);
+// A list of contexts, taken apart; with one more at its end, or one less.
+std::vector<std::string> contexts_in(const std::string &contexts);
+std::string with_context(const std::string &contexts, const std::string &name, bool up);
 
 // The modem behind all services: its state, read and changed by field name, and the lines that it sends unasked. It
 // does no I/O of its own.
@@ -110,6 +128,8 @@ class Modem {
     // Sends the lines that report how the modem differs from what it was before.
     void report(const ModemState &before) const;
 
+    // Called when something changed, before anybody hears of it.
+    std::function<void()> on_change;
     // Has something happen later, on the modem's clock. Without one it never happens.
     std::function<void(int64_t ms, std::function<void()>)> plan;
     // Who hears the unsolicited lines, given without their line ends.

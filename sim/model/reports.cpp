@@ -135,6 +135,14 @@ std::string clcc_lines(const ModemState &state) {
     return lines;
 }
 
+std::string pdp_lines(const ModemState &state) {
+    std::string lines;
+    for (const PdpContext &pdp : state.pdp)
+        lines += (lines.empty() ? "" : "\r\n") + ("+CGDCONT: " + std::to_string(pdp.cid)) + ",\"" + pdp.type + "\",\"" +
+                 pdp.apn + "\"";
+    return lines;
+}
+
 std::string ecall_line(const ModemState &state) {
     static const char *const texts[] = {"",           "dialling", "connected",  "sending MSD", "MSD acknowledged",
                                         "T5 expired", "",         "T7 expired", "T2 expired"};
@@ -148,10 +156,10 @@ const struct {
     const char *name;
     View view;
 } views[] = {
-    {"area_hex", area_hex},         {"card_error", card_error},   {"cereg_now", cereg_now},
-    {"cgreg_now", cgreg_now},       {"clcc_lines", clcc_lines},   {"cpin", cpin},
-    {"creg_now", creg_now},         {"number_type", number_type}, {"service", service},
-    {"reject_lines", reject_lines}, {"sim_failure", sim_failure},
+    {"area_hex", area_hex},   {"card_error", card_error},     {"cereg_now", cereg_now},
+    {"cgreg_now", cgreg_now}, {"clcc_lines", clcc_lines},     {"cpin", cpin},
+    {"creg_now", creg_now},   {"number_type", number_type},   {"service", service},
+    {"pdp_lines", pdp_lines}, {"reject_lines", reject_lines}, {"sim_failure", sim_failure},
 };
 
 std::string presence(const ModemState &state) {
@@ -190,12 +198,8 @@ std::string signal(const ModemState &state) {
 }
 
 std::set<std::string> listed(const std::string &names) {
-    std::set<std::string> all;
-    for (size_t from = 0, end; from < names.size(); from = end + 1) {
-        end = std::min(names.find(',', from), names.size());
-        all.insert(names.substr(from, end - from));
-    }
-    return all;
+    const std::vector<std::string> all = contexts_in(names);
+    return {all.begin(), all.end()};
 }
 
 } // namespace

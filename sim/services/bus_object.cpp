@@ -186,7 +186,7 @@ void BusObject::complete(ubus_request_data *request, int status) {
 }
 
 int BusObject::answer(ubus_request_data *request, Reply reply, const Fault *fault) {
-    int times = 1;
+    int times = reply.message ? 1 : 0;
     if (fault) {
         if (fault->raw)
             reply.fields = *fault->raw;
@@ -194,7 +194,8 @@ int BusObject::answer(ubus_request_data *request, Reply reply, const Fault *faul
             reply.fields = fields_of(*fault->reply);
         if (fault->status)
             reply.status = *fault->status;
-        times = fault->times;
+        if (fault->raw || fault->reply || fault->times != 1)
+            times = fault->times;
         if (fault->drop || fault->close || fault->delay_ms) {
             // Deferred and not completed: the caller hears nothing.
             Delayed delayed{};

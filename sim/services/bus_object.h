@@ -31,6 +31,7 @@ class BusObject : public Service {
     struct Reply {
         std::string fields; // of the reply message, encoded
         int status = 0;
+        bool message = true; // false: nothing but the status
     };
 
     // Serves a call of one of the methods and returns its status. `message` is valid until then.

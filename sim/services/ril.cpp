@@ -1,5 +1,6 @@
 #include <optional>
 
+#include "model/addresses.h"
 #include "rilutil.h"
 #include "services/bus_object.h"
 
@@ -82,6 +83,59 @@ RilReply get_calls(Modem &modem, std::string_view) {
     return {ril_success, data};
 }
 
+// Writes fields one behind the other, as the record has them.
+std::string data_call(const ModemState &state, int32_t cid, int32_t status) {
+    static const PdpContext plain; // of one that the network brought up
+    const PdpContext *found = find_pdp(state, cid);
+    const PdpContext &pdp = found ? *found : plain;
+    const bool ipv4 = pdp.type != "IPV6", ipv6 = pdp.type != "IP";
+    auto join = [&](std::initializer_list<std::string> four, std::initializer_list<std::string> six) {
+        std::string text;
+        for (auto &[wanted, addresses] : {std::pair(ipv4, four), std::pair(ipv6, six)})
+            for (const std::string &address : addresses)
+                if (wanted)
+                    text += (text.empty() ? "" : " ") + address;
+        return text;
+    };
+    std::string data;
+    for (int32_t number : {status, int32_t(-1), cid, int32_t(status == 0)})
+        data += int32_bytes(static_cast<uint32_t>(number));
+    auto field = [&data](std::string text, size_t size) {
+        text.resize(size);
+        data += text;
+    };
+    field(pdp.type, sizeof RilDataCall::type);
+    field(link_name(cid), sizeof RilDataCall::ifname);
+    field(pdp.apn, sizeof RilDataCall::apn);
+    field(join({link_ipv4(cid, 2)}, {link_ipv6(cid, 2)}), sizeof RilDataCall::addr);
+    field(join({dns_ipv4[0], dns_ipv4[1]}, {dns_ipv6[0], dns_ipv6[1]}), sizeof RilDataCall::dns);
+    field(join({link_ipv4(cid, 1)}, {link_ipv6(cid, 1)}), sizeof RilDataCall::gateway);
+    field(ipv4 ? netmask_ipv4 : "", sizeof RilDataCall::submask);
+    return data;
+}
+
+// Of the contexts that are up, those that a modem can have.
+RilReply get_data_calls(Modem &modem, std::string_view) {
+    std::string data;
+    for (const std::string &context : contexts_in(modem.state().contexts))
+        for (int32_t cid = 1; cid <= last_pdp_cid; cid++)
+            if (std::to_string(cid) == context)
+                data += data_call(modem.state(), cid, 0);
+    return {ril_success, data.empty() ? std::nullopt : std::optional(data)};
+}
+
+// The payload is the number of the context, 1 without one. What is not defined gets a definition.
+RilReply set_up_data_call(Modem &modem, std::string_view payload) {
+    constexpr int32_t activation_rejected = 30;
+    const int32_t cid = payload.empty() ? 1 : int32_in(payload).value_or(0);
+    if (cid < 1 || cid > last_pdp_cid)
+        return {ril_generic_failure, {}};
+    const std::string name = std::to_string(cid);
+    const bool up =
+        (find_pdp(modem.state(), cid) || modem.act("define", name + "\nIP\ninternet")) && modem.act("activate", name);
+    return {ril_success, data_call(modem.state(), cid, up ? 0 : activation_rejected)};
+}
+
 RilReply get_fail_cause(Modem &modem, std::string_view) {
     return {ril_success, int32_bytes(static_cast<uint32_t>(modem.state().fail_cause))};
 }
@@ -98,8 +152,9 @@ const struct {
     uint32_t id;
     RilReply (*serve)(Modem &modem, std::string_view payload);
 } ril_requests[] = {
-    {1, get_sim_status}, {9, get_calls},    {11, get_imsi},      {18, get_fail_cause}, {24, send_tone},
-    {38, get_imei},      {40, answer_call}, {521, get_ps_state}, {537, get_mode},      {538, set_mode},
+    {1, get_sim_status}, {9, get_calls},       {11, get_imsi},          {18, get_fail_cause},
+    {24, send_tone},     {57, get_data_calls}, {596, set_up_data_call}, {38, get_imei},
+    {40, answer_call},   {521, get_ps_state},  {537, get_mode},         {538, set_mode},
 };
 
 // A request without a row is carried back to its sender: its number is its answer.

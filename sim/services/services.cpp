@@ -12,6 +12,8 @@ const ServiceRow service_rows[] = {
     {"mwlan", make_wifi, false},
     {"ril", make_ril, true},
     {"sms", make_sms, true},
+    {"network", make_network, true},
+    {"network.interface", make_network_interface, true},
     {"tavrik.sim", make_bus_control, true},
     {nullptr, nullptr, false},
 };
