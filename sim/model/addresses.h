@@ -10,6 +10,7 @@ namespace tavrik::sim {
 inline constexpr char far_ipv4[] = "192.0.2.1", far_ipv6[] = "2001:db8::1";
 inline constexpr const char *dns_ipv4[] = {"192.0.2.53", "192.0.2.54"};
 inline constexpr const char *dns_ipv6[] = {"2001:db8::53", "2001:db8::54"};
+inline constexpr char link_local[] = "fe80::2"; // of every link
 inline constexpr char netmask_ipv4[] = "255.255.255.0";
 inline constexpr int prefix_ipv4 = 24, prefix_ipv6 = 64;
 

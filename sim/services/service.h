@@ -45,6 +45,7 @@ extern const ServiceRow service_rows[];
 std::unique_ptr<Service> make_bus_daemon(Context &);
 std::unique_ptr<Service> make_at_server(Context &);
 std::unique_ptr<Service> make_indication_server(Context &);
+std::unique_ptr<Service> make_links(Context &);
 std::unique_ptr<Service> make_network(Context &);
 std::unique_ptr<Service> make_network_interface(Context &);
 std::unique_ptr<Service> make_power(Context &);

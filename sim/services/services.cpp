@@ -9,6 +9,7 @@ const ServiceRow service_rows[] = {
     {"power", make_power, false},
     {"etc", make_etc, false},
     {"tmp", make_tmp, false},
+    {"links", make_links, false},
     {"mwlan", make_wifi, false},
     {"ril", make_ril, true},
     {"sms", make_sms, true},
