@@ -75,6 +75,16 @@ reboot -f
 [ "$(ls -A /etc/config | xargs)" = "dhcp network wireless" ] && [ -z "$(ls -A /etc/stat)$(cat /etc/resolv.conf)" ]
 uci set network.lan.auto=1 && uci commit && [ "$(uci get network.lan.auto)" = 1 ]
 /etc/init.d/mwlan restart
+call() { tavrik-sim call "$@" >/dev/null; }
+call context '{"cid": 1, "state": 1}' && [ "$(curl -sS --interface ccinet0 http://192.0.2.1/)" = ccinet0 ]
+for folder in etc tmp; do
+    call fault "{\"service\": \"$folder\", \"full\": true}"
+    if head -c 5000 /dev/zero >/$folder/probe; then exit 3; fi
+    call clear
+    call fault "{\"service\": \"$folder\", \"read_only\": true}"
+    if touch /$folder/probe; then exit 4; fi
+    call clear
+done
 touch /etc/config/.temporary && mv /etc/config/.temporary /etc/stat/data_statistics
 grep -q ^root: /etc/passwd
 touch /tmp/in_sandbox "/run/$(basename "$work")"
