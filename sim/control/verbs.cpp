@@ -253,12 +253,20 @@ Action parse_clear(Context &context, const json &object) {
 Action parse_context(Context &context, const json &object) {
     Args args(object);
     std::optional<int64_t> cid = args.number("cid", 1, 255), state = args.number("state", 0, 1);
+    const bool words = args.flag("words");
     args.finish();
     if (!cid || !state)
         throw std::invalid_argument("\"cid\" or \"state\" is missing");
-    return [&context, name = std::to_string(*cid), up = *state != 0](const Done &done) {
-        context.modem.set({{"contexts", with_context(context.modem.state().contexts, name, up)}});
-        succeed(done, {{"contexts", context.modem.state().contexts}});
+    return [&context, name = std::to_string(*cid), up = *state != 0, words](const Done &done) {
+        Modem &modem = context.modem;
+        ModemState before = modem.state();
+        modem.state().contexts = with_context(before.contexts, name, up);
+        if (words) // this is the news then
+            before.contexts = modem.state().contexts;
+        modem.report(before);
+        if (words)
+            modem.unsolicited(std::string("+ZCONSTAT: NW PDN ") + (up ? "ACT " : "DEACT ") + name);
+        succeed(done, {{"contexts", modem.state().contexts}});
     };
 }
 
