@@ -37,6 +37,12 @@ inline int64_t monotonic_ms() {
     return int64_t(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
+inline void sleep_ms(int ms) {
+    timespec left = {ms / 1000, ms % 1000 * 1000000L};
+    while (nanosleep(&left, &left) && errno == EINTR) {
+    }
+}
+
 // A moment on CLOCK_MONOTONIC after which nobody waits any more.
 class Deadline {
   public:

@@ -217,6 +217,11 @@ const char *UciStore::text(uci_section *section, const char *option) {
     return found && found->type == UCI_TYPE_STRING ? found->v.string : nullptr;
 }
 
+bool UciStore::has(const char *section_name, const char *option) const {
+    uci_section *const found = section(section_name);
+    return found && option_of(found, option);
+}
+
 bool UciStore::set(const char *section, const char *option, const char *value) {
     return change(Kind::set, section, option, value);
 }

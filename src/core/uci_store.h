@@ -61,6 +61,8 @@ class UciStore {
         return found ? text(found, option) : nullptr;
     }
 
+    bool has(const char *section_name, const char *option) const; // text or list
+
     // Changes, until the next commit. `option` NULL: the section itself, of type `value`. An empty value deletes the
     // option. False when libuci refuses one; the following commit fails then.
     bool set(const char *section, const char *option, const char *value);

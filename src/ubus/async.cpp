@@ -16,11 +16,24 @@ struct PendingRequest {
           site(from),
           bus(Deadline::sooner(until, Deadline::in(kBusSetupMs)), until) {}
 
+    // The one that is to end next; NULL when all have.
+    Exchange *open_exchange() {
+        for (int i = 0; i < count; ++i)
+            if (!exchanges[i].done())
+                return &exchanges[i];
+        return nullptr;
+    }
+    void abort(int status) {
+        while (Exchange *exchange = open_exchange())
+            bus.abort(*exchange, status);
+    }
+
     const Deadline limit;
     const AsyncHandlers handlers;
     const Site site;
     BusConnection bus;
-    Exchange exchange;
+    Exchange exchanges[2];
+    int count = 0;
     Loop *loop = nullptr;
     bool under_way = false; // else its maker has it
     bool aborted = false;
@@ -45,17 +58,20 @@ void destroy(PendingRequest *request) {
     free(request);
 }
 
-// Of one that is off the list.
+// Of one that is off the list. `how` is true of what was not answered.
 void end(Loop &loop, PendingRequest &request, AsyncEnd how) {
     epoll_ctl(loop.events, EPOLL_CTL_DEL, request.bus.socket(), nullptr);
-    const int status = request.exchange.status();
-    if (how == AsyncEnd::aborted)
-        log(Level::error, request.site, "asynchronous request aborted");
-    else if (status)
-        log(Level::error, request.site, "Failed to ubus invoke: %s", StatusText(status).c_str());
     request.bus.close(); // before the application hears that it is over
-    request.exchange.deliver(request.handlers.on_data);
-    request.handlers.on_end(request.handlers.priv, how, status);
+    for (int i = 0; i < request.count; ++i) {
+        Exchange &exchange = request.exchanges[i];
+        const int status = exchange.status();
+        if (status && how == AsyncEnd::aborted)
+            log(Level::error, request.site, "asynchronous request aborted");
+        else if (status)
+            log(Level::error, request.site, "Failed to ubus invoke: %s", StatusText(status).c_str());
+        exchange.deliver(request.handlers.on_data);
+        request.handlers.on_end(request.handlers.priv, status ? how : AsyncEnd::answered, status);
+    }
     destroy(&request);
 }
 
@@ -83,6 +99,7 @@ AsyncRequest::~AsyncRequest() {
     if (!pending_)
         return;
     unlink(*pending_);
+    pending_->abort(UBUS_STATUS_UNKNOWN_ERROR);
     destroy(pending_);
 }
 
@@ -94,18 +111,24 @@ int AsyncRequest::lookup(const char *object, uint32_t *id) {
     return pending_->bus.lookup(object, id);
 }
 
+int AsyncRequest::send(uint32_t id, const char *method, blob_attr *message) {
+    PendingRequest &request = *pending_;
+    const int status = request.bus.start(request.exchanges[request.count], id, method, message, request.handlers.priv);
+    if (!status)
+        ++request.count;
+    return status;
+}
+
 int AsyncRequest::start(uint32_t id, const char *method, blob_attr *message) {
     PendingRequest &request = *pending_;
-    if (const int status = request.bus.start(request.exchange, id, method, message, request.handlers.priv))
+    if (const int status = send(id, method, message))
         return status;
     epoll_event watch = {};
     watch.events = EPOLLIN;
     watch.data.ptr = &request;
     Lock lock(g_loop_mutex);
-    if (epoll_ctl(request.loop->events, EPOLL_CTL_ADD, request.bus.socket(), &watch)) {
-        request.bus.abort(request.exchange, UBUS_STATUS_SYSTEM_ERROR);
+    if (epoll_ctl(request.loop->events, EPOLL_CTL_ADD, request.bus.socket(), &watch))
         return UBUS_STATUS_SYSTEM_ERROR;
-    }
     request.under_way = true;
     pending_ = nullptr;
     wake(*request.loop); // which has a limit more
@@ -113,19 +136,21 @@ int AsyncRequest::start(uint32_t id, const char *method, blob_attr *message) {
 }
 
 void serve(Loop &loop, PendingRequest &request) {
+    Exchange &exchange = *request.open_exchange();
     bool lost;
     {
         BusHold hold(Deadline::in(kBusSetupMs));
         if (!hold)
             return; // another time: the socket stays ready
-        lost = !request.bus.receive(hold, request.exchange, Deadline::in(kBusSetupMs));
+        lost = !request.bus.receive(hold, exchange, Deadline::in(kBusSetupMs));
     }
-    if (lost && !request.exchange.done())
-        request.bus.abort(request.exchange, UBUS_STATUS_CONNECTION_FAILED);
-    if (!request.exchange.done())
-        return request.exchange.deliver(request.handlers.on_data);
+    // What a lost connection has ended, it has ended for all.
+    if (lost || exchange.status() == UBUS_STATUS_CONNECTION_FAILED)
+        request.abort(UBUS_STATUS_CONNECTION_FAILED);
+    if (request.open_exchange())
+        return exchange.deliver(request.handlers.on_data);
     unlink(request);
-    end(loop, request, request.exchange.status() ? AsyncEnd::failed : AsyncEnd::answered);
+    end(loop, request, AsyncEnd::failed);
 }
 
 Deadline end_due(Loop &loop) {
@@ -149,7 +174,7 @@ Deadline end_due(Loop &loop) {
         }
         if (!due)
             return next;
-        due->bus.abort(due->exchange, UBUS_STATUS_TIMEOUT);
+        due->abort(UBUS_STATUS_TIMEOUT);
         end(loop, *due, aborted ? AsyncEnd::aborted : AsyncEnd::timed_out);
     }
 }

@@ -21,7 +21,8 @@ enum class AsyncEnd {
 // Run on the loop thread with no lock held, and may call the API.
 struct AsyncHandlers {
     ubus_data_handler_t on_data; // for each reply message; its request's `priv` is `priv`. Or NULL.
-    void (*on_end)(void *priv, AsyncEnd end, int status); // once, last; `status` as of BusConnection::invoke()
+    // Last, once for each invoke; `status` as of BusConnection::invoke().
+    void (*on_end)(void *priv, AsyncEnd end, int status);
     void *priv;
 };
 
@@ -38,6 +39,8 @@ class AsyncRequest {
 
     bool open();
     int lookup(const char *object, uint32_t *id);
+    // Sends an invoke that one more shall follow on the same connection: start() then belongs to that one.
+    int send(uint32_t id, const char *method, blob_attr *message);
     // Sends it. UBUS_STATUS_OK: it is the loop thread's, and its on_end() will run. Otherwise no handler runs.
     int start(uint32_t id, const char *method, blob_attr *message);
 

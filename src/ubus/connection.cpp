@@ -135,6 +135,7 @@ void BusConnection::abort(Exchange &exchange, int status) {
     // Without the lock: it touches the list of this context, which is this thread's alone.
     ubus_abort_request(pooled_->context, &exchange.request_);
     exchange.end(status);
+    clean_ = false; // its reply may still come
 }
 
 int BusConnection::invoke(uint32_t id, const char *method, blob_attr *message, ubus_data_handler_t on_data,

@@ -57,6 +57,9 @@ class BusConnection {
     BusConnection(const BusConnection &) = delete;
     BusConnection &operator=(const BusConnection &) = delete;
 
+    // Sets both limits anew.
+    void limit(int timeout_ms) { setup_ = reply_ = Deadline::in(timeout_ms); }
+
     bool open();
     // UBUS_STATUS_OK or the failure. An object that is hidden or has no type counts as not found.
     int lookup(const char *object, uint32_t *id);
