@@ -1721,12 +1721,26 @@ TAVRIK_API int Tavrik_DataCall_SetProfile(const Tavrik_DataProfile *profile);
 TAVRIK_API int Tavrik_DataCall_GetProfile(int profile_idx, Tavrik_DataProfile *profile);
 
 /**
+ * Deletes a profile. A context that it was started with stays.
+ *
+ * @param profile_idx 0 to 15.
+ * @return 0, whether there was one or not; -1 when the file cannot be read or written: it is as it was then.
+ *
+ * Blocks: as Tavrik_DataCall_SetProfile(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_DataCall_DeleteProfile(int profile_idx);
+
+/**
  * Asks the modem which contexts are defined (AT+CGCONTRDP=?, 3GPP TS 27.007 clause 10.1.23) and marks them in
  * g_idx_cid; others stay as they are. Of a range its first number counts. Tavrik_DataCall_Init() does it.
  *
  * Blocks: as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_AT_Init().
  */
 TAVRIK_API void Tavrik_profile_idx_cid_Init(void);
+
+#ifndef TAVRIK_NO_SHORT_NAMES
+
+struct uci_context;
 
 /**
  * The address family that a PDP type stands for (3GPP TS 27.007 clause 10.1.1).
@@ -1737,8 +1751,6 @@ TAVRIK_API void Tavrik_profile_idx_cid_Init(void);
  * Blocks: never. In a callback: yes.
  */
 TAVRIK_API int data_convert_ip_proto(const char *type);
-
-struct uci_context;
 
 /**
  * Sets one element of the uci store in memory, as uci_set() of libuci does; nothing is written before the commit. An
@@ -1755,6 +1767,282 @@ struct uci_context;
  */
 TAVRIK_API int set_uci_element(struct uci_context *context, const char *package, const char *section,
                                const char *option, const char *value);
+
+#endif
+
+/** A data call to start. 2 bytes. */
+typedef struct Tavrik_DataCallReq {
+    uint8_t profile_idx; /**< 0 to 15 */
+    uint8_t reconnect;   /**< 0: the library does not make a lost call again by itself */
+} Tavrik_DataCallReq;
+
+/** 1 between Tavrik_DataCall_Init() and Tavrik_DataCall_Destroy(), else 0. Only to be read. */
+extern TAVRIK_API uint8_t g_datacll_init_flag;
+
+/** Reserved; 0. Indications of data calls come on the thread of all indications. */
+extern TAVRIK_API uint32_t g_datacall_ind_thread_id;
+
+/**
+ * Prepares for data calls: initialises uloop (tavrik_ubus_init()) and the AT channel (Tavrik_AT_Init()), makes the
+ * files "/etc/config/data_profile" (for root alone) and "/etc/stat/data_statistics" where they are missing, removes
+ * what a writer that was killed has left beside them, marks the contexts that the modem has (see
+ * Tavrik_profile_idx_cid_Init()), sets their counters in the statistics file to 0, and registers the callback.
+ *
+ * @param callback gets each event of a data call on the indication thread; NULL for none.
+ * @return 0, also when it was done before: then uloop and the AT channel alone are looked after. -1 with the first step
+ *         that fails; what was done before it stays.
+ *
+ * Blocks: 7 s for uloop and the two sockets, as Tavrik_profile_idx_cid_Init(), and as Tavrik_DataCall_SetProfile(). In
+ * a callback: yes.
+ */
+TAVRIK_API int Tavrik_DataCall_Init(Tavrik_DataCb callback);
+
+/**
+ * Takes the callback back, as tavrik_indication_datacallderegister(), and clears g_idx_cid. Contexts stay up, and the
+ * AT channel stays open.
+ *
+ * @return 0; -1 without Tavrik_DataCall_Init().
+ *
+ * Blocks: as tavrik_indication_datacallderegister(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_DataCall_Destroy(void);
+
+/**
+ * Defines the context of a stored profile and activates it: AT*ZGDCONT, then AT+ZGACT (compare 3GPP TS 27.007 clauses
+ * 10.1.1 and 10.1.10). Profile i has context i + 1 and the network interface "ccinet" followed by i, which the module
+ * configures. Of the profile its PDP type and APN are used; the modem authenticates with settings of its own. The
+ * profile is logged with its password at level debug.
+ *
+ * @param request the profile. One that is up already is defined and activated again.
+ * @param[out] error 1 when the index is above 15, `reconnect` is not 0, or there is no such profile; else unchanged.
+ * @return 0 when the modem has activated it; -1 in these cases, when a pointer is NULL or the profiles cannot be read,
+ *         when the APN has a quote or a control byte (nothing is sent), and when a command fails. After a refused
+ *         activation the context stays defined.
+ *
+ * Blocks: twice as Tavrik_AT_Send() with 2 s; 10 s while others keep the profiles locked. In a callback: yes. Before
+ * it: Tavrik_DataCall_Init() or Tavrik_AT_Init().
+ */
+TAVRIK_API int Tavrik_DataCall_Start(const Tavrik_DataCallReq *request, int *error);
+
+/**
+ * Deactivates the context of a profile and takes its definition away: AT+ZGACT, then AT*ZGDCONT. Whether it is up is
+ * not looked at.
+ *
+ * @param profile_idx 0 to 15.
+ * @param[out] error 1 when the index is above 15; else unchanged.
+ * @return 0 when the modem has deactivated it; -1 when the index is above 15, `error` is NULL or the command fails.
+ *
+ * Blocks: twice as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: as Tavrik_DataCall_Start().
+ */
+TAVRIK_API int Tavrik_DataCall_Stop(unsigned profile_idx, int *error);
+
+/** A data call's addresses, as its network interface is configured. 128 bytes. Numbers marked so in network order. */
+typedef struct Tavrik_DataCallInfo {
+    uint8_t cid;            /**< context identifier, 1 to 15; the interface is "ccinet" followed by cid - 1 */
+    uint8_t reserved0[3];   /**< not read */
+    uint32_t reserved1[2];  /**< not read */
+    char ifname[16];        /**< network interface */
+    int32_t ip_type;        /**< 4 IPv4, 6 IPv6, 10 both */
+    uint32_t ipv4_addr;     /**< network order */
+    uint32_t ipv4_netmask;  /**< network order, as reported; the interface gets one that the gateway suggests */
+    uint32_t ipv4_gateway;  /**< network order; 0 for the address itself */
+    uint8_t netmask_end[4]; /**< the last one ends the mask 255.255.255.x; 0 as a rule */
+    uint32_t ipv4_dns1;     /**< network order */
+    uint32_t ipv4_dns2;     /**< network order */
+    uint8_t ipv6_addr[16];
+    uint32_t reserved2; /**< not read */
+    uint8_t ipv6_gateway[16];
+    uint32_t reserved3; /**< not read */
+    uint8_t ipv6_dns1[16];
+    uint8_t ipv6_dns2[16];
+} Tavrik_DataCallInfo;
+
+#define TAVRIK_PDP_TEXT_SIZE 176
+#define TAVRIK_IP_TEXT_SIZE 46
+
+/** What a modem tells of a context's addresses. Each text may hold several, with a blank between. 704 bytes. */
+typedef struct Tavrik_PdpText {
+    char addr[TAVRIK_PDP_TEXT_SIZE];    /**< of the interface */
+    char gateway[TAVRIK_PDP_TEXT_SIZE]; /**< of the next hop */
+    char dns[TAVRIK_PDP_TEXT_SIZE];     /**< of the name servers, the first one first */
+    char submask[TAVRIK_PDP_TEXT_SIZE]; /**< subnet mask, IPv4 alone */
+} Tavrik_PdpText;
+
+#ifndef TAVRIK_NO_SHORT_NAMES
+
+/**
+ * Reply handlers for requests of the application's own, to tavrik_ubus_invoke() and the like.
+ *
+ * DataCall_Init_cb, of the list of data calls (request 57): each profile whose APN is contained in that of a call is
+ * marked in g_idx_cid with the context of that call.
+ *
+ * DataCall_Start_cb, of the set-up of a data call (request 596): `request->priv` points at one byte, the profile's
+ * index; it becomes 255 when the reply is unusable or the call was not set up. A call that was is configured as
+ * data_config_ip_info() does, gets its counters in "/etc/stat/data_statistics" if it has none, and is marked.
+ *
+ * DataCall_Stop_cb only logs.
+ *
+ * @param request of DataCall_Start_cb, with its `priv`; the others do not look at it.
+ * @param type    not looked at.
+ * @param message the reply, whatever it holds, or NULL.
+ *
+ * Block: DataCall_Init_cb 10 s while others keep the profiles locked; DataCall_Start_cb as data_config_ip_info() and
+ * as Tavrik_DataCall_SetProfile(). In a callback: they are one; on the loop thread other asynchronous requests wait
+ * meanwhile. Not between tavrik_ubus_lock() and tavrik_ubus_unlock().
+ */
+TAVRIK_API void DataCall_Init_cb(struct ubus_request *request, int type, struct blob_attr *message);
+TAVRIK_API void DataCall_Start_cb(struct ubus_request *request, int type, struct blob_attr *message);
+TAVRIK_API void DataCall_Stop_cb(struct ubus_request *request, int type, struct blob_attr *message);
+
+/**
+ * Takes one kind of address out of its text into a record. Each address goes to the next free member of its own
+ * family, as far as `info->ip_type` (4, 6, 10) has that family; what is no address is passed over.
+ *
+ * @param[in,out] info  its `ip_type` is read; members for which there is no address stay.
+ * @param[in]     texts a zero byte may be missing at a text's full size.
+ * @param[in]     key   "addr", "gateway", "dns" or "submask" (IPv4 alone); with any other nothing is done.
+ * @return 0; -1 when a pointer is NULL.
+ *
+ * Blocks: never. In a callback: yes.
+ */
+TAVRIK_API int data_configure_pdp_info(Tavrik_DataCallInfo *info, const Tavrik_PdpText *texts, const char *key);
+
+/**
+ * Configures the network for a context: data_config_network_info(), data_config_dhcp_info(), data_reload_network(),
+ * 200 ms later "lan" down and up (data_up_down_br_lan()), 100 ms later "wan" of the context up, and 200 ms after that
+ * "wan6" for ip_type 6 and 10 (data_send_if_command(), tried again three times, 200 ms apart). A step that fails is
+ * logged, and the next one done.
+ *
+ * @param info     the context; with a `cid` other than 1 to 15 nothing is done.
+ * @param dedicate 1; with any other value nothing is done.
+ *
+ * Blocks: as the steps, half a second when all goes well. In a callback: yes.
+ */
+TAVRIK_API void data_config_ip_info(Tavrik_DataCallInfo info, int dedicate);
+
+/**
+ * Writes a context into the uci package "network": section "wan" followed by cid - 1 gets proto, auto, dedicate,
+ * ipaddr, gateway, netmask, dns and ip6addr, as far as the ip_type has them, "wan6" followed by cid - 1 gets auto for
+ * ip_type 6 and 10. A section that is missing is not made. The mask is not the reported one: with c and d for the
+ * gateway's last two octets, 255.0.0.0 when both are 0 or both are 255, 255.255.0.0 when only d is 0 or 255, else
+ * 255.255.255.x of `netmask_end`. The gateway 0.0.0.0 stands for the address. The dns entries for ip_type 6 and 10 are
+ * the 16 bytes from `ipv4_dns1` and those from `ipv4_dns2` on, as programs on the module expect it.
+ *
+ * @param info     the context; with a `cid` other than 1 to 15 nothing is written.
+ * @param dedicate value of the option of this name.
+ *
+ * Blocks: as Tavrik_DataCall_SetProfile(). In a callback: yes.
+ */
+TAVRIK_API void data_config_network_info(Tavrik_DataCallInfo info, int dedicate);
+
+/**
+ * Writes a context into the uci package "dhcp": section "wan" followed by cid - 1, if there is one, gets master 1, ra
+ * relay and ndp relay.
+ *
+ * @param info its `cid` is read; with another than 1 to 15 nothing is written.
+ * @param flag not looked at.
+ *
+ * Blocks: as Tavrik_DataCall_SetProfile(). In a callback: yes.
+ */
+TAVRIK_API void data_config_dhcp_info(Tavrik_DataCallInfo info, int flag);
+
+/**
+ * Takes out what data_config_network_info() and data_config_dhcp_info() have written for a context, the options
+ * without their sections, and has the network service reload.
+ *
+ * @param cid 1 to 15.
+ * @return 0; -1 for any other `cid`, when a package cannot be read or written, and as data_reload_network(). What can
+ *         be done is done all the same.
+ *
+ * Blocks: as the two and data_reload_network(). In a callback: yes.
+ */
+TAVRIK_API int data_delete_ip_info(int cid);
+
+/**
+ * Has the network service reload its configuration: method "reload" of the ubus object "network". Its answer is only
+ * logged; after 60 s nobody waits for it any more.
+ *
+ * @return 0 when it was asked; -1 when the bus, the object or the loop thread cannot be had.
+ *
+ * Blocks: 5 s. In a callback: yes.
+ */
+TAVRIK_API int data_reload_network(void);
+
+/**
+ * Takes an interface of the network service down, and up again: methods "down" and "up" of the ubus object
+ * "network.interface". The second is tried whatever became of the first.
+ *
+ * @param mode   0 down, 1 down and up.
+ * @param ifname name of the interface as the service knows it, such as "lan".
+ * @return 0; -1 for another mode, for NULL, without memory and when the bus cannot be reached; else the first failure
+ *         as libubus counts it (UBUS_STATUS_NOT_FOUND and so on).
+ *
+ * Blocks: 5 s for each method, and 5 s before. In a callback: yes.
+ */
+TAVRIK_API int data_up_down_br_lan(int mode, const char *ifname);
+
+/**
+ * Takes a context's interface down, or down and up, in the network service ("wan" or "wan6" followed by the index),
+ * when there is a "ccinet" interface in the output of ifconfig. The service's answers are only logged; after 60 s
+ * nobody waits for them any more. Up ends with the kernel's interface: "ifconfig ccinetINDEX up".
+ *
+ * @param index   0 to 14, the context's cid - 1.
+ * @param up      0 down, any other value down and up.
+ * @param ip_type 4 for wan, 6 for wan6.
+ * @return 0; -1 for another index or type, and when no interface has a name with "ccinet"; -2 without memory, a loop
+ *         thread, or the bus; -3 without the service; -4 when it cannot be asked.
+ *
+ * Blocks: 5 s for the bus, and as long as ifconfig. In a callback: yes.
+ */
+TAVRIK_API int data_send_if_command(int index, int up, int ip_type);
+
+/**
+ * Completion handlers of the requests above, which log how a request ended.
+ *
+ * @param request not looked at.
+ * @param result  0, or a failure as libubus counts it.
+ *
+ * Block: never, but for the log. In a callback: they are one.
+ */
+TAVRIK_API void data_ifupdown_complete(struct ubus_request *request, int result);
+TAVRIK_API void dc_reload_network_complete(struct ubus_request *request, int result);
+
+/**
+ * The global IPv6 address of a network interface ("/proc/net/if_inet6"), the first one when there are several.
+ *
+ * @param ifname name of the interface.
+ * @param[out] out eight groups of four hexadecimal digits with ":" between them, cut to `size` bytes.
+ * @param size of `out`; TAVRIK_IP_TEXT_SIZE (46) is enough.
+ * @return 0; -1 without such an address, when a pointer is NULL or `size` is not positive.
+ *
+ * Blocks: never, but for the log. In a callback: yes.
+ */
+TAVRIK_API int data_get_interface_addr6(const char *ifname, char *out, int size);
+
+/**
+ * Counts a character.
+ *
+ * @param text      the text.
+ * @param character the character, other than 0.
+ * @return how often it occurs; -1 when `text` is NULL.
+ *
+ * Blocks: never. In a callback: yes.
+ */
+TAVRIK_API int data_charCountInStr(const char *text, char character);
+
+/**
+ * Turns an address as a modem writes it (3GPP TS 27.007 clause 10.1.23) into its usual text.
+ *
+ * @param dotted 4 numbers of 0 to 255 with "." between them (IPv4) or 16 (IPv6); of 8 and 32, an address and its mask,
+ *               the first half.
+ * @param[out] out of TAVRIK_IP_TEXT_SIZE bytes.
+ * @return 0; -1 for any other text, and when a pointer is NULL: `out` is unchanged then.
+ *
+ * Blocks: never. In a callback: yes.
+ */
+TAVRIK_API int data_convertDotNotation2IpString(const char *dotted, char *out);
+
+#endif
 
 /* ---- SMS ----------------------------------------------------------------------------------------------------- */
 

@@ -104,6 +104,23 @@ int Tavrik_DataCall_SetProfile(const Tavrik_DataProfile *profile) {
     return store.commit();
 }
 
+int Tavrik_DataCall_DeleteProfile(int profile_idx) {
+    tavrik::UciStore store;
+    if (!store.allocated()) {
+        TAVRIK_LOG_ERROR("uci_alloc_context faild");
+        return -1;
+    }
+    if (!store.load("data_profile")) {
+        TAVRIK_LOG_ERROR("uci_load failed.");
+        return -1;
+    }
+    const SectionName name{unsigned(profile_idx)};
+    if (!store.section(name.text))
+        return 0;
+    store.remove(name.text, nullptr);
+    return store.commit();
+}
+
 bool tavrik::read_profile(uci_section *section, Tavrik_DataProfile *profile, Site site) {
     bool complete = true;
     const auto read = [&](const char *option, char *field, uint32_t *number) {
