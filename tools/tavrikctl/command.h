@@ -89,6 +89,7 @@ struct Family {
 // One in each family's file.
 Family at_family();
 Family call_family();
+Family data_family();
 Family dm_family();
 Family ecall_family();
 Family log_family();
