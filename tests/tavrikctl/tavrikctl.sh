@@ -48,6 +48,9 @@ outside)
   expect 2 '' monitor --count 0
   expect 2 '' call dial
   expect 2 '' call state 0
+  expect 2 '' data start 16
+  expect 2 '' data profile erase 1
+  expect 2 '' data profile set 1 --type ipv5
   expect 2 '' ecall start --msd 01
   expect 2 '' ecall start --manual --auto --msd 01
   expect 2 '' ecall config --t5 65536
@@ -70,6 +73,7 @@ outside)
   "$build/tavrik-sim" run -- "$0" "$build" events || failed=1
   "$build/tavrik-sim" run --scenario "${0%/*}/../../sim/scenarios/drive.json" -- "$0" "$build" drive || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" calls || failed=1
+  "$build/tavrik-sim" run -- "$0" "$build" data || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" sms || failed=1
 
   # A call, and a message whose second part came first.
@@ -103,7 +107,7 @@ empty)
   done
   exit $failed
   ;;
-radio | events | drive | calls | sms)
+radio | events | drive | calls | data | sms)
   # shellcheck source=/dev/null
   [ "$place" = radio ] || . "${0%/*}/monitor.sh"
   # shellcheck source=/dev/null
