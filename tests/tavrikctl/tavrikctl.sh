@@ -48,6 +48,9 @@ outside)
   expect 2 '' monitor --count 0
   expect 2 '' call dial
   expect 2 '' call state 0
+  expect 2 '' data start 16
+  expect 2 '' data profile erase 1
+  expect 2 '' data profile set 1 --type ipv5
   expect 2 '' ecall start --msd 01
   expect 2 '' ecall start --manual --auto --msd 01
   expect 2 '' ecall config --t5 65536
@@ -74,6 +77,7 @@ outside)
   "$build/tavrik-sim" run -- "$0" "$build" events || failed=1
   "$build/tavrik-sim" run --scenario "${0%/*}/../../sim/scenarios/drive.json" -- "$0" "$build" drive || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" calls || failed=1
+  "$build/tavrik-sim" run -- "$0" "$build" data || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" sms || failed=1
 
   # A call, and a message whose second part came first.
@@ -107,7 +111,7 @@ empty)
   done
   exit $failed
   ;;
-radio | wifi | events | drive | calls | sms)
+radio | wifi | events | drive | calls | data | sms | gnss | upgrade)
   # shellcheck source=/dev/null
   case $place in radio | wifi) ;; *) . "${0%/*}/monitor.sh" ;; esac
   # shellcheck source=/dev/null
