@@ -3,9 +3,17 @@
 namespace tavrik::sim {
 
 const ServiceRow service_rows[] = {
-    {"bus", make_bus_daemon, false}, {"at", make_at_server, false}, {"atind", make_indication_server, false},
-    {"power", make_power, false},    {"gnss", make_gnss, false},    {"ttyGS0", make_nmea_output, false},
-    {"ril", make_ril, true},         {"sms", make_sms, true},       {"tavrik.sim", make_bus_control, true},
+    {"bus", make_bus_daemon, false},
+    {"at", make_at_server, false},
+    {"atind", make_indication_server, false},
+    {"power", make_power, false},
+    {"gnss", make_gnss, false},
+    {"ttyGS0", make_nmea_output, false},
+    {"ril", make_ril, true},
+    {"sms", make_sms, true},
+    {"gps", make_gps, true},
+    {"hdgnssapp", make_hdgnssapp, true},
+    {"tavrik.sim", make_bus_control, true},
     {nullptr, nullptr, false},
 };
 
