@@ -7,6 +7,8 @@ const ServiceRow service_rows[] = {
     {"at", make_at_server, false},
     {"atind", make_indication_server, false},
     {"power", make_power, false},
+    {"gpio", make_gpio, false},
+    {"userdata", make_userdata, false},
     {"gnss", make_gnss, false},
     {"ttyGS0", make_nmea_output, false},
     {"ril", make_ril, true},
