@@ -84,6 +84,7 @@ void Terminal::unplug() {
         return;
     watch_.stop();
     events_.remove(events_number_);
+    drain(); // what was written before counts
     ::unlink(path_.c_str());
     ::close(std::exchange(fd_, -1));
     discard();
@@ -114,12 +115,16 @@ int Terminal::open_near_end() const {
     return ::open(near_end_.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
 }
 
+void Terminal::drain() {
+    char chunk[4096];
+    for (ssize_t n; !deaf_ && handlers_.received && (n = ::read(fd_, chunk, sizeof chunk)) > 0;)
+        handlers_.received({chunk, static_cast<size_t>(n)});
+}
+
 void Terminal::look() {
     if (fd_ < 0)
         return;
-    char chunk[4096];
-    for (ssize_t n; !deaf_ && (n = ::read(fd_, chunk, sizeof chunk)) > 0;)
-        handlers_.received({chunk, static_cast<size_t>(n)});
+    drain();
     blocked_ = false;
     pollfd state = {fd_, 0, 0};
     const bool open = poll(&state, 1, 0) >= 0 && !(state.revents & POLLHUP);

@@ -56,6 +56,7 @@ class Terminal {
         std::shared_ptr<void> sent;
     };
 
+    void drain();
     void pump();
     void watch();
     bool all_read() const;
