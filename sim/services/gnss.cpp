@@ -40,7 +40,11 @@ class Gnss : public SerialPort {
 
   protected:
     void heard(const std::string &command) override { context_.receiver.obey(command, context_.clock.now()); }
-    void turned() override { plan(); }
+    void turned() override {
+        collected_.clear();
+        collected_turns_ = 0;
+        plan();
+    }
 
   private:
     void plan(int64_t at_least = 0);

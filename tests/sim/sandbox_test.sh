@@ -72,6 +72,11 @@ for socket in /tmp/atcmdsdk /tmp/atcmdsdkind /var/run/ubus/ubus.sock /var/run/ub
 [ -p /dev/kmsg ] && echo "kernel text" >/dev/kmsg
 echo lock >/sys/power/wake_lock && [ "$(cat /sys/power/wake_lock)" = lock ]
 reboot -f
+echo '$RESET,1' >/dev/ttyS3
+echo '$GNRMC' >/dev/ttyGS0
+[ -c /dev/ttyS3 ] && [ -p /sys/class/gpio/export ]
+echo saved >/mnt/userdata/saved
+script -qec true /dev/null # terminals of its own
 [ -z "$(ls -A /etc/config)$(ls -A /etc/stat)" ]
 echo "config interface lan" >/etc/config/network
 touch /etc/config/.temporary && mv /etc/config/.temporary /etc/stat/data_statistics
@@ -79,7 +84,7 @@ grep -q ^root: /etc/passwd
 touch /tmp/in_sandbox "/run/$(basename "$work")"
 echo result >"$work/result"
 bash -c 'exec 3<>/dev/tcp/127.0.0.1/9' 2>&1 | grep -q refused
-for line in kmsg,kernel program,reboot; do
+for line in kmsg,kernel program,reboot 'ttyS3,RESET' 'ttyGS0,GNRMC'; do
     n=0
     until tavrik-sim call record "{\"kind\": \"${line%,*}\"}" | grep -q "${line#*,}"; do [ $((n += 1)) -lt 100 ]; sleep 0.05; done
 done
