@@ -2112,6 +2112,106 @@ TAVRIK_API int Tavrik_SMS_Decode(const char *pdu, Tavrik_SmsDetail *detail);
  */
 TAVRIK_API int Tavrik_SMS_Join(const Tavrik_SmsDetail *detail, char **text, int32_t *length);
 
+/* ---- GNSS ---------------------------------------------------------------------------------------------------- */
+
+/** What Tavrik_GnssData::known tells to be there; a member whose bit is missing is 0 and means nothing. */
+enum {
+    TAVRIK_GNSS_KNOWN_FIX = 1 << 0,      /**< `fix_type` */
+    TAVRIK_GNSS_KNOWN_TIME = 1 << 1,     /**< `hour`, `min`, `sec`; with the date `utc_ms` */
+    TAVRIK_GNSS_KNOWN_DATE = 1 << 2,     /**< `year`, `month`, `day` */
+    TAVRIK_GNSS_KNOWN_POSITION = 1 << 3, /**< `lat`, `lon` */
+    TAVRIK_GNSS_KNOWN_ALTITUDE = 1 << 4, /**< `alt`, `geoid` */
+    TAVRIK_GNSS_KNOWN_SPEED = 1 << 5,    /**< `speed` */
+    TAVRIK_GNSS_KNOWN_COURSE = 1 << 6,   /**< `course`; a receiver that stands tells none */
+    TAVRIK_GNSS_KNOWN_QUALITY = 1 << 7,  /**< `quality` */
+    TAVRIK_GNSS_KNOWN_MODE = 1 << 8,     /**< `mode` */
+    TAVRIK_GNSS_KNOWN_DOP = 1 << 9,      /**< `pdop`, `hdop`, `vdop` */
+    TAVRIK_GNSS_KNOWN_USED = 1 << 10,    /**< `used`, `used_by`, and `used` of each satellite */
+    TAVRIK_GNSS_KNOWN_VIEW = 1 << 11     /**< `in_view`, `view_by`, `sat_count`, `sats` */
+};
+
+/** What a Tavrik_GnssData carries. */
+enum {
+    TAVRIK_GNSS_RECORD = 0,  /**< all that the receiver told about one moment */
+    TAVRIK_GNSS_SENTENCE = 1 /**< one sentence of the receiver, as it came: `mono_ms`, `sentence_len`, `sentence` */
+};
+
+/** Tavrik_GnssData::fix_type. */
+enum { TAVRIK_GNSS_FIX_NONE = 1, TAVRIK_GNSS_FIX_2D = 2, TAVRIK_GNSS_FIX_3D = 3 };
+
+/** Constellations: indexes of `used_by` and `view_by`, and Tavrik_GnssSatellite::constellation. */
+enum {
+    TAVRIK_GNSS_GPS = 0,
+    TAVRIK_GNSS_GLONASS = 1,
+    TAVRIK_GNSS_GALILEO = 2,
+    TAVRIK_GNSS_BEIDOU = 3,
+    TAVRIK_GNSS_QZSS = 4,
+    TAVRIK_GNSS_NAVIC = 5,
+    TAVRIK_GNSS_SBAS = 6,
+    TAVRIK_GNSS_OTHER = 7,
+    TAVRIK_GNSS_CONSTELLATIONS = 8
+};
+
+#define TAVRIK_GNSS_SATELLITES_MAX 64
+#define TAVRIK_GNSS_SENTENCE_SIZE 254
+#define TAVRIK_GNSS_AZIMUTH_UNKNOWN 0xFFFF
+#define TAVRIK_GNSS_ELEVATION_UNKNOWN (-128)
+
+/** One satellite in view. 8 bytes. */
+typedef struct Tavrik_GnssSatellite {
+    uint16_t id;           /**< as the receiver numbers it in its sentences */
+    uint16_t azimuth;      /**< degrees from true north, 0 to 359; TAVRIK_GNSS_AZIMUTH_UNKNOWN */
+    uint8_t constellation; /**< TAVRIK_GNSS_GPS and so on */
+    int8_t elevation;      /**< degrees, -90 to 90; TAVRIK_GNSS_ELEVATION_UNKNOWN */
+    uint8_t cn0;           /**< C/N0 in dBHz, the strongest of its signals; 0 when it is not tracked */
+    uint8_t used;          /**< 1 when the position rests on it */
+} Tavrik_GnssSatellite;
+
+/**
+ * What the receiver told, from its NMEA 0183 sentences RMC, GGA, GSA, GSV and VTG. 896 bytes, the same on all machines;
+ * `size` may grow with later versions, never change what is there.
+ *
+ * A record joins the sentences of one moment. What none of them told is not in `known`; satellites in view, which many
+ * receivers tell less often, are those last told, for 15 seconds at most.
+ */
+typedef struct Tavrik_GnssData {
+    uint16_t size;    /**< bytes that are filled: 896 */
+    uint8_t kind;     /**< TAVRIK_GNSS_RECORD or TAVRIK_GNSS_SENTENCE; the members that belong to the other are 0 */
+    uint8_t fix_type; /**< TAVRIK_GNSS_FIX_NONE, _2D or _3D */
+    uint32_t known;   /**< TAVRIK_GNSS_KNOWN_FIX and so on */
+    int64_t utc_ms;   /**< milliseconds since 1970-01-01 00:00 UTC, when both time and date are known */
+    int64_t mono_ms;  /**< CLOCK_MONOTONIC in milliseconds, when the first byte of the moment's first sentence came */
+    int32_t lat;      /**< 1e-7 degree, north positive (WGS 84) */
+    int32_t lon;      /**< 1e-7 degree, east positive */
+    int32_t alt;      /**< millimetres above mean sea level */
+    int32_t geoid;    /**< millimetres of mean sea level above the ellipsoid; 0 also when only the altitude was told */
+    uint32_t speed;   /**< over ground, millimetres a second */
+    uint16_t course;  /**< over ground, 0.01 degree from true north, 0 to 35999 */
+    uint8_t
+        quality;   /**< GGA's: 0 none, 1 GPS, 2 differential, 4 RTK, 5 float RTK, 6 estimated, 7 manual, 8 simulator */
+    char mode;     /**< RMC's: A autonomous, D differential, E estimated, F float RTK, N none, P precise, R RTK, ... */
+    uint16_t pdop; /**< dilution of precision, 0.01 */
+    uint16_t hdop; /**< horizontal, 0.01 */
+    uint16_t vdop; /**< vertical, 0.01 */
+    uint8_t used;  /**< satellites that the position rests on */
+    uint8_t in_view;                             /**< satellites in view, also beyond those that `sats` has room for */
+    uint8_t used_by[TAVRIK_GNSS_CONSTELLATIONS]; /**< `used` by constellation; all 0 when only a sum was told */
+    uint8_t view_by[TAVRIK_GNSS_CONSTELLATIONS]; /**< `in_view` by constellation */
+    uint16_t year;                               /**< UTC */
+    uint8_t month;                               /**< 1 to 12 */
+    uint8_t day;                                 /**< 1 to 31 */
+    uint8_t hour;                                /**< 0 to 23 */
+    uint8_t min;                                 /**< 0 to 59 */
+    uint8_t sec;                                 /**< 0 to 59, and 60 in a leap second */
+    uint8_t pad;                                 /**< 0 */
+    uint8_t sat_count;                           /**< entries of `sats` */
+    uint8_t pad2[7];                             /**< 0 */
+    Tavrik_GnssSatellite sats[TAVRIK_GNSS_SATELLITES_MAX];
+    uint16_t sentence_len;                    /**< characters of `sentence` */
+    char sentence[TAVRIK_GNSS_SENTENCE_SIZE]; /**< "$...*hh", a zero byte behind, without CR LF */
+    uint8_t reserved[40];                     /**< 0 */
+} Tavrik_GnssData;
+
 #ifdef __cplusplus
 }
 #endif
