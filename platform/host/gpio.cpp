@@ -16,7 +16,7 @@ struct Path {
 };
 
 int put(const char *path, const char *text) {
-    const int fd = open(path, O_WRONLY | O_CLOEXEC | O_NONBLOCK);
+    const int fd = open(path, O_WRONLY | O_TRUNC | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0)
         return -1;
     const ssize_t length = ssize_t(strlen(text));
