@@ -1684,6 +1684,79 @@ typedef struct Tavrik_IdxCid {
 /** The contexts of the profiles 0 to 14. The library writes them one by one; they are only to be read. */
 extern TAVRIK_API Tavrik_IdxCid g_idx_cid[TAVRIK_IDX_CID_COUNT];
 
+#define TAVRIK_DATA_TEXT_SIZE 64
+
+/** Parameters of a packet data context, stored under an index in the uci package data_profile. 204 bytes. */
+typedef struct Tavrik_DataProfile {
+    uint8_t profile_idx;                  /**< 0 to 15 */
+    uint32_t pdp_type;                    /**< 0 and 1 IPv4, 2 IPv6, 3 both */
+    char apn[TAVRIK_DATA_TEXT_SIZE];      /**< access point name (3GPP TS 23.003 clause 9) */
+    uint32_t auth_type;                   /**< 0 to 3; stored, and used by no command */
+    char usr_name[TAVRIK_DATA_TEXT_SIZE]; /**< stored, and used by no command */
+    char password[TAVRIK_DATA_TEXT_SIZE]; /**< stored as it is, in a file that root alone may read */
+} Tavrik_DataProfile;
+
+/**
+ * Stores a profile: five options of the section named by its index, which is made if there is none. It is on the disk
+ * when this returns 0. An empty text deletes its option.
+ *
+ * @param profile the profile. Texts end within their fields; of one that does not, the first 63 bytes count.
+ * @return 0; -1 when an index or number is out of range, a text has a control byte other than TAB, LF and CR, the
+ *         file is missing (Tavrik_DataCall_Init() makes it) or cannot be written: it is as it was then, save that a
+ *         new index may leave its section without options. So for index 0 when a section without a number for a name
+ *         stands in its place.
+ *
+ * Blocks: as long as the disk; 5 s for each of up to ten waits while others keep the file locked. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_DataCall_SetProfile(const Tavrik_DataProfile *profile);
+
+/**
+ * Reads a profile. **Clear the record first**: an option that is missing leaves its field alone.
+ *
+ * @param profile_idx 0 to 15.
+ * @param[out] profile the profile; all of it 0, save the index, when there is none. Texts are cut to 63 bytes.
+ * @return 0, whether there is one or not; -1 when `profile` is NULL or the file cannot be read.
+ *
+ * Blocks: as long as the disk; 10 s while others keep the file locked. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_DataCall_GetProfile(int profile_idx, Tavrik_DataProfile *profile);
+
+/**
+ * Asks the modem which contexts are defined (AT+CGCONTRDP=?, 3GPP TS 27.007 clause 10.1.23) and marks them in
+ * g_idx_cid; others stay as they are. Of a range its first number counts. Tavrik_DataCall_Init() does it.
+ *
+ * Blocks: as Tavrik_AT_Send() with 2 s. In a callback: yes. Before it: Tavrik_AT_Init().
+ */
+TAVRIK_API void Tavrik_profile_idx_cid_Init(void);
+
+/**
+ * The address family that a PDP type stands for (3GPP TS 27.007 clause 10.1.1).
+ *
+ * @param type "IP", "IPV6" or "IPV4V6" in whatever case; may be NULL.
+ * @return 4, 6 or 10; 0 for any other text.
+ *
+ * Blocks: never. In a callback: yes.
+ */
+TAVRIK_API int data_convert_ip_proto(const char *type);
+
+struct uci_context;
+
+/**
+ * Sets one element of the uci store in memory, as uci_set() of libuci does; nothing is written before the commit. An
+ * empty value deletes the option.
+ *
+ * @param context a context of libuci, which the caller owns and no other thread uses.
+ * @param package the package's name.
+ * @param section the section's name; it exists when an option is set.
+ * @param option  the option's name, or NULL for the section itself, whose type is `value` then.
+ * @param value   the value.
+ * @return 0; -1 when another pointer is NULL or the store is locked for 5 s, otherwise the positive error of libuci.
+ *
+ * Blocks: 5 s while the library uses the store elsewhere. In a callback: yes.
+ */
+TAVRIK_API int set_uci_element(struct uci_context *context, const char *package, const char *section,
+                               const char *option, const char *value);
+
 /* ---- SMS ----------------------------------------------------------------------------------------------------- */
 
 #define TAVRIK_SMS_NUMBER_SIZE 50

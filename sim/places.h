@@ -7,12 +7,15 @@
 namespace tavrik::sim {
 
 enum class Make {
-    opened,  // a tmpfs into which every entry of the host's folder is bound back
+    opened,  // a tmpfs into which every entry of the host's folder is bound back, where it has that folder
     overlay, // the host's folder; changes stay in the sandbox
     folder,  // an empty folder, whatever the host has there
     absent,  // not bound back into the opened folder it is in
     link,    // a symbolic link to `text`
     fifo,    // a FIFO; lines that arrive are recorded as `text`
+    ptmx,    // the folder of the host's master of pseudo-terminals
+    devpts,  // pseudo-terminals of the sandbox's own
+    disk,    // a small file system
     program, // a stand-in, of which `text` is the script; without one it reports its command line and succeeds
 };
 
@@ -23,6 +26,11 @@ struct Place {
 };
 
 inline constexpr char at_server_path[] = "/tmp/atcmdsdk";
+
+// Where the module's serial ports and its flash are in truth. Links lead there, which the module process takes away.
+inline constexpr char sandbox_terminals[] = "/run/tavrik-sim/pts";
+inline constexpr char sandbox_disk[] = "/run/tavrik-sim/userdata";
+inline constexpr char sandbox_ptmx[] = "/run/tavrik-sim/ptmx";
 
 // The FIFO to which stand-ins write their command line.
 inline constexpr char programs_fifo[] = "/run/tavrik-sim/program";

@@ -45,11 +45,17 @@ class Tree {
             place.path = fs::weakly_canonical(place.path.parent_path()) / place.path.filename();
             places_.push_back(place);
         }
+        std::error_code none;
+        const fs::path ptmx = fs::canonical("/dev/ptmx", none);
+        if (!none)
+            ptmx_folder_ = open(ptmx.parent_path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
     }
 
     std::vector<Tap> build() {
         for (const Place &place : places_)
             put(place);
+        if (ptmx_folder_ >= 0)
+            close(ptmx_folder_);
         return std::move(taps_);
     }
 
@@ -57,7 +63,8 @@ class Tree {
     void put(const Place &place) {
         switch (place.make) {
         case Make::opened:
-            open_folder(place.path);
+            if (fs::is_directory(place.path))
+                open_folder(place.path);
             break;
         case Make::overlay:
             overlay(place.path);
@@ -73,6 +80,22 @@ class Tree {
             break;
         case Make::fifo:
             taps_.push_back({place.text, fifo(place.path)});
+            break;
+        case Make::ptmx:
+            own(place.path);
+            if (ptmx_folder_ >= 0)
+                mount(("/proc/self/fd/" + std::to_string(ptmx_folder_)).c_str(), place.path.c_str(), nullptr,
+                      MS_BIND | MS_REC, nullptr);
+            break;
+        case Make::devpts:
+            own(place.path);
+            check(mount("devpts", place.path.c_str(), "devpts", MS_NOSUID | MS_NOEXEC, "newinstance,ptmxmode=0666"),
+                  "mount " + place.path.string());
+            break;
+        case Make::disk:
+            own(place.path);
+            check(mount("tmpfs", place.path.c_str(), "tmpfs", MS_NOSUID, "mode=755,size=4m"),
+                  "mount " + place.path.string());
             break;
         case Make::program:
             create(place.path, [&](const fs::path &at) {
@@ -236,6 +259,7 @@ class Tree {
     std::vector<Place> places_;
     std::set<dev_t> own_;
     std::vector<Tap> taps_;
+    int ptmx_folder_ = -1;
 };
 
 void write_file(const std::string &path, const std::string &text) {

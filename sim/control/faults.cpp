@@ -96,6 +96,16 @@ Fault Fault::from(Args &args, std::string_view effects) {
         fault.standing.stop = args.flag("stop");
     if (knows("full"))
         fault.standing.full = args.flag("full");
+    if (knows("deaf"))
+        fault.standing.deaf = args.flag("deaf");
+    if (knows("silent"))
+        fault.standing.silent = args.flag("silent");
+    if (knows("burst"))
+        fault.standing.burst = static_cast<int>(args.number("burst", 1, 1000).value_or(1));
+    if (knows("garble"))
+        fault.standing.garble = static_cast<int>(args.number("garble", 1, INT32_MAX).value_or(0));
+    if (knows("cuts"))
+        fault.standing.cuts = args.cuts("cuts");
     if (knows("restart"))
         fault.restart = args.flag("restart");
     if (knows("flood"))
@@ -145,6 +155,12 @@ Standing Faults::standing(std::string_view service) const {
         all.refuse |= fault.standing.refuse;
         all.stop |= fault.standing.stop;
         all.full |= fault.standing.full;
+        all.deaf |= fault.standing.deaf;
+        all.silent |= fault.standing.silent;
+        all.burst = std::max(all.burst, fault.standing.burst);
+        all.garble = std::max(all.garble, fault.standing.garble);
+        if (all.cuts.none())
+            all.cuts = fault.standing.cuts;
         all.flood += fault.standing.flood;
     }
     return all;

@@ -19,7 +19,17 @@ struct Standing {
     bool refuse = false; // no new connection
     bool stop = false;   // gone
     bool full = false;   // files take no byte
+    bool deaf = false;   // reads nothing
+    bool silent = false; // says nothing
+    int burst = 1;       // so much of what it says comes at once
+    int garble = 0;      // each byte of this number is wrong
+    Cuts cuts;           // of all that it says
     std::string flood;   // sent without end
+
+    bool any() const {
+        return freeze || refuse || stop || full || deaf || silent || burst > 1 || garble || !cuts.none() ||
+               !flood.empty();
+    }
 };
 
 // What is wrong with a service (docs/simulator.md, "Faults").
@@ -51,9 +61,7 @@ struct Fault {
     bool close_now = false;
 
     bool for_requests() const;
-    bool stands() const {
-        return standing.freeze || standing.refuse || standing.stop || standing.full || !standing.flood.empty();
-    }
+    bool stands() const { return standing.any(); }
     // `effects` are the names that the service knows. Throws std::invalid_argument.
     static Fault from(Args &args, std::string_view effects);
 

@@ -92,6 +92,43 @@ Action parse_line(Context &context, const json &object) {
     };
 }
 
+// Bytes of the receiver, once somebody listens.
+Action parse_nmea(Context &context, const json &object) {
+    Args args(object);
+    const std::optional<std::string> bytes = args.bytes("text");
+    const Cuts cuts = args.cuts("cuts");
+    const int limit = args.milliseconds("limit", default_limit_ms);
+    args.finish();
+    if (!bytes)
+        throw std::invalid_argument("\"text\" or \"hex\" is missing");
+    return [&context, bytes, cuts, limit](const Done &done) {
+        if (!context.from_receiver)
+            throw std::invalid_argument("there is no receiver");
+        auto mark = std::make_shared<int>();
+        std::weak_ptr<int> under_way = mark;
+        context.waiting.until(
+            [&context, bytes, cuts, under_way, mark]() mutable {
+                if (mark && context.from_receiver(*bytes, cuts, mark))
+                    mark.reset();
+                return under_way.expired();
+            },
+            limit,
+            [](bool in_time) {
+                return Outcome{json::object(), in_time ? "" : "nobody reads the receiver's port"};
+            },
+            done);
+    };
+}
+
+Action parse_gnss(Context &context, const json &args) {
+    // Settings are checked on a receiver that nobody hears.
+    Receiver().set(args, 0);
+    return [&context, args](const Done &done) {
+        context.receiver.set(args, context.clock.now());
+        succeed(done, context.receiver.get());
+    };
+}
+
 // An incoming message: a text, a PDU as it stands, or the report on one that was sent.
 Action parse_message(Context &context, const json &object) {
     Args args(object);
@@ -281,10 +318,10 @@ const struct {
     const char *name;
     Action (*parse)(Context &context, const json &args);
 } verbs[] = {
-    {"advance", parse_advance}, {"call", parse_call},     {"clear", parse_clear}, {"context", parse_context},
-    {"fault", parse_fault},     {"hangup", parse_hangup}, {"line", parse_line},   {"message", parse_message},
-    {"record", parse_record},   {"reset", parse_reset},   {"rules", parse_rules}, {"state", parse_state},
-    {"verbs", parse_verbs},     {"wait", parse_wait},
+    {"advance", parse_advance}, {"call", parse_call},   {"clear", parse_clear},   {"context", parse_context},
+    {"fault", parse_fault},     {"gnss", parse_gnss},   {"hangup", parse_hangup}, {"line", parse_line},
+    {"message", parse_message}, {"nmea", parse_nmea},   {"record", parse_record}, {"reset", parse_reset},
+    {"rules", parse_rules},     {"state", parse_state}, {"verbs", parse_verbs},   {"wait", parse_wait},
 };
 
 } // namespace

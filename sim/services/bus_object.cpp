@@ -29,6 +29,13 @@ std::string fields_of(const blob_buf &message) {
     return {static_cast<const char *>(blob_data(message.head)), blob_len(message.head)};
 }
 
+std::string json_of(blob_attr *message) {
+    char *text = message && blob_len(message) ? blobmsg_format_json(message, true) : nullptr;
+    std::string json = text ? text : "";
+    free(text);
+    return json;
+}
+
 std::string fields_of(const nlohmann::ordered_json &message) {
     blob_buf buffer{};
     blob_buf_init(&buffer, 0);
@@ -186,7 +193,7 @@ void BusObject::complete(ubus_request_data *request, int status) {
 }
 
 int BusObject::answer(ubus_request_data *request, Reply reply, const Fault *fault) {
-    int times = 1;
+    int times = reply.message;
     if (fault) {
         if (fault->raw)
             reply.fields = *fault->raw;
@@ -194,7 +201,8 @@ int BusObject::answer(ubus_request_data *request, Reply reply, const Fault *faul
             reply.fields = fields_of(*fault->reply);
         if (fault->status)
             reply.status = *fault->status;
-        times = fault->times;
+        if (reply.message || fault->raw || fault->reply)
+            times = fault->times;
         if (fault->drop || fault->close || fault->delay_ms) {
             // Deferred and not completed: the caller hears nothing.
             Delayed delayed{};

@@ -28,6 +28,8 @@ class Service {
     virtual void close_connections() {}
     // Forgets replies that have not gone out.
     virtual void discard_replies() {}
+    // Reads what programs have written, so that the record is complete.
+    virtual void read_pending() {}
     virtual nlohmann::json describe() const;
 };
 
@@ -43,9 +45,15 @@ extern const ServiceRow service_rows[];
 std::unique_ptr<Service> make_bus_daemon(Context &);
 std::unique_ptr<Service> make_at_server(Context &);
 std::unique_ptr<Service> make_indication_server(Context &);
+std::unique_ptr<Service> make_gnss(Context &);
+std::unique_ptr<Service> make_gpio(Context &);
+std::unique_ptr<Service> make_gps(Context &);
+std::unique_ptr<Service> make_hdgnssapp(Context &);
+std::unique_ptr<Service> make_nmea_output(Context &);
 std::unique_ptr<Service> make_power(Context &);
 std::unique_ptr<Service> make_ril(Context &);
 std::unique_ptr<Service> make_sms(Context &);
+std::unique_ptr<Service> make_userdata(Context &);
 std::unique_ptr<Service> make_bus_control(Context &);
 
 } // namespace tavrik::sim

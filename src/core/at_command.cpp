@@ -18,7 +18,7 @@ int AtCommand::send(const char *format, ...) {
         TAVRIK_LOG_ERROR("the command is too long: %d", length);
         return -1;
     }
-    return Tavrik_AT_Send(command_, expected_, answer_, sizeof answer_, timeout_ms_);
+    return Tavrik_AT_Send(command_, expected_, answer_, answer_size_, timeout_ms_);
 }
 
 int AtCommand::field_behind(const char *prefix, char *field, size_t size) const {

@@ -15,9 +15,12 @@ namespace tavrik {
 
 class AtCommand {
   public:
-    explicit AtCommand(int timeout_ms = TAVRIK_AT_TIMEOUT_MS, const char *expected = "OK")
+    // `answer_size`: what is taken in of the answer, at most TAVRIK_AT_RESPONSE_SIZE.
+    explicit AtCommand(int timeout_ms = TAVRIK_AT_TIMEOUT_MS, const char *expected = "OK",
+                       int answer_size = TAVRIK_AT_RESPONSE_SIZE)
         : expected_(expected),
-          timeout_ms_(timeout_ms) {}
+          timeout_ms_(timeout_ms),
+          answer_size_(answer_size) {}
 
     // Formats the command, sends it and collects the answer. 0 or -1.
     int send(const char *format, ...) __attribute__((format(printf, 2, 3)));
@@ -34,6 +37,7 @@ class AtCommand {
   private:
     const char *const expected_;
     const int timeout_ms_;
+    const int answer_size_;
     char command_[512] = {};
     char answer_[TAVRIK_AT_RESPONSE_SIZE] = {};
 };

@@ -58,7 +58,7 @@ int on_datacall_changed(char *line) {
         return -1;
     const int profile = event.cid - 1;
     event.profile_idx = profile <= kLastProfile ? profile : TAVRIK_UNKNOWN_S32;
-    event.kind = !event.state && profile_started(profile) ? kStartedDataCallEvent : kDataCallEvent;
+    event.kind = !event.state && context_of(profile) ? kStartedDataCallEvent : kDataCallEvent;
     snprintf(event.ifname, sizeof event.ifname, "ccinet%d", profile);
     deliver(kSlotData, int(event.kind), &event);
     return 0;

@@ -3,6 +3,7 @@
 #include "core/log.h"
 #include "core/shell.h"
 #include "core/sigpipe.h"
+#include "indication/listen.h"
 #include "tavrik_sdk.h"
 #include "ubus/fail_cause.h"
 
@@ -75,23 +76,8 @@ int start_test(const Tavrik_EcallReq &request, Site site = Site::here()) {
 } // namespace
 
 int Tavrik_Ecall_Init(Tavrik_EcallCb callback) {
-    if (!callback) {
-        TAVRIK_LOG_ERROR("Paramter input error");
-        return -1;
-    }
-    if (Tavrik_AT_Init()) {
-        TAVRIK_LOG_ERROR("at init faild");
-        return -1;
-    }
-    if (tavrik_indication_register(TAVRIK_IND_ECALL, reinterpret_cast<Tavrik_IndicationCb>(callback))) {
-        TAVRIK_LOG_ERROR("ecall indication register failed");
-        return -1;
-    }
-    if (tavrik_ubus_init()) {
-        TAVRIK_LOG_ERROR("ubus init failed!");
-        return -1;
-    }
-    return 0;
+    return tavrik::listen_for_calls(TAVRIK_IND_ECALL, reinterpret_cast<Tavrik_IndicationCb>(callback),
+                                    "ecall indication register failed");
 }
 
 void Tavrik_Ecall_Deinit(void) {

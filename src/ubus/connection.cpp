@@ -120,11 +120,9 @@ bool BusConnection::receive(BusHold &hold, Exchange &exchange, Deadline deadline
     if (!hold.guard(socket(), Deadline::sooner(deadline, Deadline::in(kMessageMs))))
         return false;
     // After a synchronous call libubus handles one message at a time.
-    while (!exchange.done_ && readable(socket(), Deadline::in(0))) {
+    do
         ubus_handle_event(context);
-        if (context->sock.eof)
-            break;
-    }
+    while (!exchange.done_ && !context->sock.eof && readable(socket(), Deadline::in(0)));
     if (hold.cut())
         return false;
     if (!exchange.done_ && context->sock.eof)

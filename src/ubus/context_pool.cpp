@@ -205,6 +205,7 @@ ubus_context *connect_context(Deadline deadline) {
 }
 
 PooledContext *take_context(Deadline deadline) {
+    mend_host_signals(); // once in a request: system() in another thread may have brought uloop's back
     if (PooledContext *pooled = reuse_context(deadline))
         return pooled;
     if (deadline.passed())

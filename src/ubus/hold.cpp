@@ -80,7 +80,6 @@ bool acquire(Deadline deadline) {
         g_lock.owner = pthread_self();
     }
     g_lock.pipe.block();
-    mend_host_signals();
     return true;
 }
 
@@ -166,6 +165,7 @@ bool BusHold::cut() {
 
 void tavrik_ubus_lock(void) {
     tavrik::acquire(tavrik::Deadline::never());
+    tavrik::mend_host_signals();
 }
 
 void tavrik_ubus_unlock(void) {

@@ -21,8 +21,8 @@ class HostSignals {
 };
 
 // system() in another thread may have saved uloop's handler in the instant before it was taken away, and brings it
-// back when its command ends. Called whenever the bus lock is taken, and when a thread is left behind inside
-// ubus_connect: takes such a handler away again.
+// back when its command ends. Called once in each request, and when a thread is left behind inside ubus_connect: takes
+// such a handler away again.
 void mend_host_signals();
 
 // The application leaves a stretch in which it had the lock itself: handlers of uloop that stand now are its own wish.

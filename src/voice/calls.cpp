@@ -99,11 +99,19 @@ bool tavrik::read_calls(Tavrik_CallList &calls, Site site) {
     return false;
 }
 
-const Tavrik_Call *tavrik::find_call(const Tavrik_CallList &calls, int call_id) {
-    for (int i = 0; i < calls.count; ++i)
+bool tavrik::read_call(int call_id, Tavrik_Call &call, Site site) {
+    Tavrik_CallList calls;
+    call = {};
+    if (call_id < 1) {
+        log(Level::error, site, "Parameter input error");
+        return false;
+    }
+    if (!read_calls(calls, site))
+        return false;
+    for (int i = 0; i < calls.count && !call.call_id; ++i)
         if (calls.calls[i].call_id == call_id)
-            return &calls.calls[i];
-    return nullptr;
+            call = calls.calls[i];
+    return true;
 }
 
 int Tavrik_VoiceCall_GetAllInfo(Tavrik_CallList *calls) {
@@ -119,17 +127,14 @@ int Tavrik_VoiceCall_GetAllInfo(Tavrik_CallList *calls) {
 }
 
 int Tavrik_VoiceCall_GetState(int call_id, int *state) {
-    if (call_id < 1 || !state) {
+    if (!state) {
         TAVRIK_LOG_ERROR("Parameter input error");
         return -1;
     }
-    Tavrik_CallList calls;
-    if (!read_calls(calls))
+    Tavrik_Call call;
+    if (!read_call(call_id, call) || !call.call_id)
         return -1;
-    const Tavrik_Call *call = find_call(calls, call_id);
-    if (!call)
-        return -1;
-    *state = call->state;
+    *state = call.state;
     return 0;
 }
 

@@ -9,7 +9,8 @@ namespace tavrik {
 // Logs for the caller when they cannot be read.
 bool read_calls(Tavrik_CallList &calls, Site site = Site::here());
 
-// The first call with this id; NULL without one.
-const Tavrik_Call *find_call(const Tavrik_CallList &calls, int call_id);
+// The first call with this id; without one its `call_id` is 0. False, logged for the caller, for an id below 1 and
+// when the calls cannot be read.
+bool read_call(int call_id, Tavrik_Call &call, Site site = Site::here());
 
 } // namespace tavrik

@@ -48,15 +48,10 @@ int Tavrik_VoiceCall_Start(const char *number, int *call_id) {
 }
 
 int Tavrik_VoiceCall_Answer(int call_id) {
-    if (call_id < 1) {
-        TAVRIK_LOG_ERROR("Parameter input error");
+    Tavrik_Call call;
+    if (!read_call(call_id, call))
         return -1;
-    }
-    Tavrik_CallList calls;
-    if (!read_calls(calls))
-        return -1;
-    const Tavrik_Call *call = find_call(calls, call_id);
-    if (!call || call->state != TAVRIK_CALL_INCOMING) {
+    if (!call.call_id || call.state != TAVRIK_CALL_INCOMING) {
         TAVRIK_LOG_ERROR("There is no vcall_handle %d, or vcall_handle %d state is not incoming", call_id, call_id);
         return -1;
     }
@@ -68,15 +63,10 @@ int Tavrik_VoiceCall_Answer(int call_id) {
 }
 
 int Tavrik_VoiceCall_End(int call_id) {
-    if (call_id < 1) {
-        TAVRIK_LOG_ERROR("Parameter input error");
+    Tavrik_Call call;
+    if (!read_call(call_id, call))
         return -1;
-    }
-    Tavrik_CallList calls;
-    if (!read_calls(calls))
-        return -1;
-    const Tavrik_Call *call = find_call(calls, call_id);
-    if (!call || call->state == TAVRIK_CALL_ENDED) {
+    if (!call.call_id || call.state == TAVRIK_CALL_ENDED) {
         TAVRIK_LOG_ERROR("There is no vcall_handle %d, or vcall_handle %d state is end now", call_id, call_id);
         return -1;
     }

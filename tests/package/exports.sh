@@ -1,6 +1,6 @@
 #!/bin/sh
-# The library's face to the linker: exported is what the header declares; needed are libc, libubox and the bus library;
-# nothing of the C++ runtime.
+# The library's face to the linker: exported is what the header declares; needed are libc, libubox, libuci and the
+# bus library; nothing of the C++ runtime.
 #   exports.sh LIBRARY HEADER BUS-LIBRARY
 set -eu
 library=$1 header=$2 bus=$3
@@ -33,4 +33,4 @@ if nm -D --undefined-only "$library" | awk '{print $NF}' | grep -E '^_Z|^__gxx|^
 fi
 
 readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort >"$work/needed"
-printf '%s\n' libc.so.6 libubox.so "$bus" | sort | diff - "$work/needed" || { echo "< wanted, > needed" && exit 1; }
+printf '%s\n' libc.so.6 libubox.so libuci.so "$bus" | sort | diff - "$work/needed" || { echo "< wanted, > needed" && exit 1; }
