@@ -19,7 +19,8 @@ namespace tavrik::sim {
 
 namespace {
 
-constexpr int set_up_ms = 200; // who has not made it raw by then wants it as it is
+constexpr int quick_looks = 50; // until then whoever reads is about to
+constexpr int set_up_ms = 200;  // who has not made it raw by then wants it as it is
 
 int64_t now_ms() {
     using namespace std::chrono;
@@ -83,6 +84,7 @@ void Terminal::unplug() {
         return;
     watch_.stop();
     events_.remove(events_number_);
+    drain(); // what was written before counts
     ::unlink(path_.c_str());
     ::close(std::exchange(fd_, -1));
     discard();
@@ -113,12 +115,16 @@ int Terminal::open_near_end() const {
     return ::open(near_end_.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
 }
 
+void Terminal::drain() {
+    char chunk[4096];
+    for (ssize_t n; !deaf_ && handlers_.received && (n = ::read(fd_, chunk, sizeof chunk)) > 0;)
+        handlers_.received({chunk, static_cast<size_t>(n)});
+}
+
 void Terminal::look() {
     if (fd_ < 0)
         return;
-    char chunk[4096];
-    for (ssize_t n; !deaf_ && (n = ::read(fd_, chunk, sizeof chunk)) > 0;)
-        handlers_.received({chunk, static_cast<size_t>(n)});
+    drain();
     blocked_ = false;
     pollfd state = {fd_, 0, 0};
     const bool open = poll(&state, 1, 0) >= 0 && !(state.revents & POLLHUP);
@@ -176,6 +182,9 @@ void Terminal::discard() {
 
 bool Terminal::all_read() const {
     const int near = open_near_end();
+    // Asked so, the kernel first brings what was written to the other end.
+    pollfd state = {near, POLLIN, 0};
+    poll(&state, 1, 0);
     int unread = 0;
     const bool all = near < 0 || ioctl(near, FIONREAD, &unread) || unread == 0;
     if (near >= 0)
@@ -187,9 +196,10 @@ void Terminal::pump() {
     while (open_ && !timer_.running() && !out_.empty()) {
         Piece &piece = out_.front();
         if (piece.when_read && !all_read()) {
-            timer_.start(1);
+            timer_.start(looks_++ < quick_looks ? 0 : 1);
             break;
         }
+        looks_ = 0;
         const ssize_t n = write(fd_, piece.bytes.data(), piece.bytes.size());
         if (n < 0) {
             blocked_ = true;
@@ -204,9 +214,6 @@ void Terminal::pump() {
         }
         const std::shared_ptr<void> sent = std::move(piece.sent);
         out_.pop_front();
-        // What was written takes a moment to the other end, and until then it looks as if it had been read.
-        if (!out_.empty() && out_.front().when_read)
-            timer_.start(1);
     }
     if (open_ && out_.empty() && !flood_.empty())
         (void)!write(fd_, flood_.data(), flood_.size());

@@ -56,6 +56,7 @@ class Terminal {
         std::shared_ptr<void> sent;
     };
 
+    void drain();
     void pump();
     void watch();
     bool all_read() const;
@@ -72,6 +73,7 @@ class Terminal {
     std::string flood_;
     std::deque<Piece> out_;
     size_t waiting_ = 0; // bytes in out_
+    int looks_ = 0;      // since something was written
     Watch watch_;
     Timer timer_;
 };
