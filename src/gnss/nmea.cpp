@@ -84,11 +84,13 @@ void NmeaReader::silence() {
     open_ = false;
 }
 
-// A line that has ended: a sentence when its checksum is there and right.
+// A line that has ended: a sentence when it begins with an address and its checksum is there and right. What a bit
+// error that makes a "$" leaves of a sentence has no address, whatever its checksum.
 void NmeaReader::line() {
-    if (length_ < 5)
-        return;
+    const auto letter = [](char byte) { return (byte | 32) >= 'a' && (byte | 32) <= 'z'; };
     const char *const star = line_ + length_ - 3;
+    if (length_ < 6 || !letter(line_[1]) || !(letter(line_[2]) || (line_[2] >= '0' && line_[2] <= '9')))
+        return;
     unsigned sum = 0;
     for (const char *at = line_ + 1; at < star; at++) {
         sum ^= uint8_t(*at);
@@ -236,8 +238,7 @@ void NmeaReader::vtg(NmeaFields &fields) {
         return;
     const int32_t course = fields.rounded(1, 2, 0, 36000);
     fields.rounded(3, 2, 0, 36000);
-    const uint32_t knots = fields.knots(5);
-    const int32_t kmh = fields.rounded(7, 3, 0, 200000000);
+    const uint32_t knots = fields.knots(5), kmh = uint32_t((fields.number(7, 6, 0, 200000000000) + 1800) / 3600);
     static const char *const kUnits[] = {"T", "M", "N", "K"};
     for (int i = 0; i < 4; i++)
         fields.letter(2 + 2 * i, kUnits[i]);
@@ -246,8 +247,7 @@ void NmeaReader::vtg(NmeaFields &fields) {
         return;
     join(-1, line_ms_);
     if (mode != 'N')
-        fill_motion(fields.given(5) || fields.given(7), fields.given(5) ? knots : (uint32_t(kmh) * 10 + 18) / 36,
-                    fields.given(1), course);
+        fill_motion(fields.given(5) || fields.given(7), fields.given(5) ? knots : kmh, fields.given(1), course);
 }
 
 } // namespace tavrik
