@@ -104,7 +104,7 @@ void NmeaReader::line() {
         return;
     line_[length_] = 0;
     // Two letters of the talker, three of the kind; those that begin with P are of a manufacturer.
-    if (star > line_ + 6 && line_[6] == ',' && line_[1] != 'P') {
+    if (line_[6] == ',' && line_[1] != 'P') {
         static const struct {
             char kind[4];
             void (NmeaReader::*read)(NmeaFields &);

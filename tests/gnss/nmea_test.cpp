@@ -188,9 +188,9 @@ TEST_F(Nmea, records) {
           "GIGSA,A,3,1,,,,,,,,,,,,,,", "XXGSA,A,3,7,,,,,,,,,,,,,,"},
          "F3 U10[1,2,1,2,2,1,1,0]"},
         // one that several signals show is one; used is what is used of the same constellation
-        {{"GPGSV,1,1,02,04,10,020,30,05,,,,1", "GPGSV,1,1,02,04,10,020,35,05,1,2,,8", "GAGSV,1,1,01,04,1,2,,7",
+        {{"GPGSV,1,1,02,04,10,020,30,05,,,40,1", "GPGSV,1,1,02,04,10,020,35,05,1,2,20,8", "GAGSV,1,1,01,04,1,2,,7",
           "GAGSA,A,3,04,,,,,,,,,,,,,,"},
-         "F3 U1[0,0,1,0,0,0,0,0] V3[2,0,1,0,0,0,0,0] 0:4/10/20/35 0:5/-128/65535/0 2:4/1/2/0*"},
+         "F3 U1[0,0,1,0,0,0,0,0] V3[2,0,1,0,0,0,0,0] 0:4/10/20/35 0:5/-128/65535/40 2:4/1/2/0*"},
     };
     for (const auto &expected : cases)
         EXPECT_EQ(records_of(expected.bodies), Texts{expected.record}) << expected.bodies[0];
@@ -217,6 +217,7 @@ TEST_F(Nmea, refused) {
          "15=00,1,,,,2,,, 15=0000000000"},
         // fewer fields than any form has, and far more
         {"GPRMC,123519,A,4807.0,N,01131.0,E,022.4,084.4,230394,003.1", "0=GPRMC"},
+        {"GPRMC,123519,A,4807.0,N,,,022.4,084.4,230394,,", "0=GPRMC"},
         {"GPVTG,054.7,034.4,005.5,010.2", "0=GPVTG"},
         {"GPGSV", "0=GPGSV 0=GPGSV,1 0=GPGSV,1,1 0=GPGSV,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,"},
     };
@@ -265,7 +266,7 @@ TEST_F(Nmea, framing) {
         {body.substr(0, body.size() - 3) + "\r\n", {}},
         {body.substr(0, body.size() - 1) + "G\r\n", {}},
         {"$GPTXT,\t*" + sentence("GPTXT,\t").substr(9), {}},
-        {"$GPTXT,\x80*" + sentence("GPTXT,\x80").substr(9), {}},
+        {sentence("GPTXT,\x80") + sentence("GPTXT,\x7F") + sentence("GPTXT,a*b"), {}},
         {"$GPTXT,\0*"s + sentence("GPTXT,\0"s).substr(9), {}},
         {"!AIVDM,1*2E\r\n$\r\n$*\r\n\r\n", {}},
     };
@@ -302,11 +303,20 @@ TEST_F(Nmea, epochs) {
     take(dop.substr(0, 10), 2000);
     EXPECT_FALSE(reader_->epoch_open());
     reader_->silence();
-    take(dop.substr(10) + gga("010203.1"), 2100);
+    take(dop.substr(10) + gga("010203.2"), 2100);
     take(sentence("GPTXT,x"), 2200);
     EXPECT_EQ(told_.size(), 11u);
     reader_->silence();
     EXPECT_EQ(told_.back(), "@2000 F1 T1:2:3 Q0 O100,100,100 U0[0,0,0,0,0,0,0,0]");
+    // a list is as old as its first sentence; what was used in one moment is not in the next
+    take(sentence("GPGSV,2,1,01"), 3000);
+    take(sentence("GPGSV,2,2,01,04,,,"), 3001);
+    take(sentences({"GPGSA,A,3,04,,,,,,,,,,,,,,", "GPGGA,,,,,,0,8,,,,,,,"}), 3002);
+    reader_->silence();
+    EXPECT_EQ(told_.back(), "@3000 F3 Q0 U8[1,0,0,0,0,0,0,0] V1[1,0,0,0,0,0,0,0] 0:4/-128/65535/0*");
+    take(dop, 3003);
+    reader_->silence();
+    EXPECT_EQ(told_.back(), "@3003 F1 O100,100,100 U0[0,0,0,0,0,0,0,0] V1[1,0,0,0,0,0,0,0] 0:4/-128/65535/0");
     // begun anew, it knows nothing of before
     take(gga("010203.1") + dop.substr(0, 20));
     start();
@@ -332,7 +342,7 @@ TEST_F(Nmea, lists_in_view) {
         {{kFirst, "GPGSV,2,2,05,15,5,5,15,1"}, none},        // of another signal
         {{kFirst, "GLGSV,2,2,05,15,5,5,15", kSecond}, none}, // of another talker
         {{kFirst, "GPGSV,2,2,06,15,5,5,15"}, none},          // of another list
-        {{kFirst, "GPGSV,3,2,05,15,5,5,15"}, none},
+        {{"GPGSV,3,1,05,11,1,1,11", "GPGSV,2,2,05,15,5,5,15"}, none},
         {{"GPGSV,3,1,05,11,1,1,11", "GPGSV,3,3,05,15,5,5,15"}, none},
         {{"GPGSV,1,1,00"}, "V0[0,0,0,0,0,0,0,0]"},
         {{"GLGSV,1,1,01,65,1,1,1"}, "V2[1,1,0,0,0,0,0,0] 0:1/2/3/4 1:65/1/1/1"},
@@ -394,6 +404,11 @@ TEST_F(Nmea, many_satellites) {
     EXPECT_EQ(got.view_by[TAVRIK_GNSS_GALILEO], 33); // those by range among the numbers of GPS
     EXPECT_EQ(got.sat_count, 64);
     EXPECT_EQ(got.sats[63].id, 367);
+    const std::string galileo = sentences(Texts(bodies.end() - 16, bodies.end()));
+    take(galileo, 15001); // in the place of those that are out of date
+    reader_->silence();
+    EXPECT_EQ(got.in_view, 64);
+    EXPECT_EQ(got.view_by[TAVRIK_GNSS_GALILEO], 64);
     bodies.clear();
     for (int first = 1; first + 11 < 1000; first += 12) {
         bodies.push_back("GAGSA,A,3");
