@@ -40,7 +40,6 @@ int64_t utc_ms(const Tavrik_GnssData &record, int32_t time) {
 void NmeaReader::start(const NmeaSink &sink) {
     memset(static_cast<void *>(this), 0, sizeof *this);
     sink_ = sink;
-    time_ = -1;
 }
 
 void NmeaReader::take(const char *bytes, size_t length, int64_t mono_ms) {

@@ -46,6 +46,8 @@ outside)
   expect 2 '' pm lock
   expect 2 '' pm lock name -1
   expect 2 '' monitor --count 0
+  expect 2 '' gnss kind 3
+  expect 2 '' gnss track --count 0
   expect 2 '' call dial
   expect 2 '' call state 0
   expect 2 '' ecall start --msd 01
@@ -54,7 +56,7 @@ outside)
   expect 2 '' ecall config --mode ET
   expect 2 '' sms send
   expect 2 '' sms send 1 x --timeout 60001
-  for verb in 'dm info' 'dm mode' 'uim number' 'nw signal' 'pm lock' 'call watch' 'ecall start' 'sms send' 'monitor' 'at' 'log test'; do
+  for verb in 'dm info' 'dm mode' 'uim number' 'nw signal' 'pm lock' 'call watch' 'ecall start' 'gnss track' 'sms send' 'monitor' 'at' 'log test'; do
     # shellcheck disable=SC2086 # two words
     "$build/tavrikctl" $verb --help | grep -q '^Usage: tavrikctl' || { echo "$verb: no help" && failed=1; }
   done
@@ -71,6 +73,7 @@ outside)
   "$build/tavrik-sim" run --scenario "${0%/*}/../../sim/scenarios/drive.json" -- "$0" "$build" drive || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" calls || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" sms || failed=1
+  "$build/tavrik-sim" run -- "$0" "$build" gnss || failed=1
 
   # A call, and a message whose second part came first.
   "$build/tavrik-sim" run --scenario "${0%/*}/../../sim/scenarios/conversation.json" -- \
@@ -103,9 +106,9 @@ empty)
   done
   exit $failed
   ;;
-radio | events | drive | calls | sms)
+radio | events | drive | calls | sms | gnss)
   # shellcheck source=/dev/null
-  [ "$place" = radio ] || . "${0%/*}/monitor.sh"
+  [ "$place" = radio ] || [ "$place" = gnss ] || . "${0%/*}/monitor.sh"
   # shellcheck source=/dev/null
   . "${0%/*}/$place.sh"
   exit $failed

@@ -91,6 +91,7 @@ Family at_family();
 Family call_family();
 Family dm_family();
 Family ecall_family();
+Family gnss_family();
 Family log_family();
 Family monitor_family();
 Family nw_family();
