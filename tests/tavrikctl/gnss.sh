@@ -37,7 +37,7 @@ expect 0 "{\"sentence\":\"$(head -n 1 "$work/drive.nmea")\"}" --json gnss raw --
 sim record '{"clear": true}' >/dev/null
 expect 0 'Kind: 0 (built-in)' gnss kind
 expect 0 '' gnss start
-expect 0 "$(head -n 1 "$work/drive.nmea")" gnss raw --count 1
+"$build/tavrikctl" gnss raw --count 1 | grep -q '^\$GN' || failed=1 # wherever on its way it is
 asked gps 'gnss_init {"gnss_init_param":0}' 'gnss_init {"gnss_init_param":0}'
 expect 1 '' gnss kind 2
 errors_match 'tavrikctl: gnss kind: a receiver is started, stop it first\|$'
@@ -56,6 +56,14 @@ kill -TERM $!
 wait $! || { echo "interrupted: $?" && failed=1; }
 asked hdgnssapp start close
 
+# One that a line powers: the loader has its firmware ready.
+play "$work/drive.nmea"
+sim record '{"clear": true}' >/dev/null
+expect 0 "$(head -n 1 "$work/drive.nmea")" gnss raw --kind 1 --gpio 5 --loader "touch $work/loaded" --count 1
+[ -e "$work/loaded" ] || { echo 'not loaded' && failed=1; }
+[ "$(sim record '{"kind": "gpio"}' | sed -n 's/^ *"text": "\(gpio5.value .\)"$/\1/p' | tail -n 1)" = 'gpio5/value 0' ] ||
+  { echo 'it has power still' && failed=1; }
+
 # Failures.
 sim fault '{"service": "hdgnssapp", "status": 9, "nth": 1}' >/dev/null
 expect 1 '' gnss start
@@ -66,9 +74,11 @@ expect 1 '' gnss track --for 0 --count 3
 errors_match 'tavrikctl: gnss track: 3 fewer than wanted\|$'
 sim fault '{"service": "gnss", "stop": true}' >/dev/null
 sim fault '{"service": "gps", "stop": true}' >/dev/null
-for kind in 0 2; do
+for kind in 0 1 2; do # the second has no loader
   expect 1 '' gnss start --kind $kind
   errors_match 'tavrikctl: gnss start: the receiver cannot be started\|$'
 done
-expect 1 '' gnss start --kind 1
-errors_match 'tavrikctl: gnss start: the receiver cannot be '
+expect 1 '' gnss start --kind 1 --loader false
+sim fault '{"service": "gpio", "stop": true}' >/dev/null
+expect 1 '' gnss start --kind 1 --loader true
+errors_match 'tavrikctl: gnss start: the receiver cannot be had\|$'
