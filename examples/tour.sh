@@ -33,3 +33,4 @@ step_with message '{"from": "Büro", "reverse": true, "text": "Schade, Sie waren
   'Messages' messages
 step 'eCall' ecall +4930123
 step 'WiFi' access_point 'Tavrik demo' 'open sesame' 11
+step 'Positions' gnss 3

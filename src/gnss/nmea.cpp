@@ -40,7 +40,6 @@ int64_t utc_ms(const Tavrik_GnssData &record, int32_t time) {
 void NmeaReader::start(const NmeaSink &sink) {
     memset(static_cast<void *>(this), 0, sizeof *this);
     sink_ = sink;
-    time_ = -1;
 }
 
 void NmeaReader::take(const char *bytes, size_t length, int64_t mono_ms) {
@@ -84,11 +83,13 @@ void NmeaReader::silence() {
     open_ = false;
 }
 
-// A line that has ended: a sentence when its checksum is there and right.
+// A line that has ended: a sentence when it begins with an address and its checksum is there and right. What a bit
+// error that makes a "$" leaves of a sentence has no address, whatever its checksum.
 void NmeaReader::line() {
-    if (length_ < 5)
-        return;
+    const auto letter = [](char byte) { return (byte | 32) >= 'a' && (byte | 32) <= 'z'; };
     const char *const star = line_ + length_ - 3;
+    if (length_ < 6 || !letter(line_[1]) || !(letter(line_[2]) || (line_[2] >= '0' && line_[2] <= '9')))
+        return;
     unsigned sum = 0;
     for (const char *at = line_ + 1; at < star; at++) {
         sum ^= uint8_t(*at);
@@ -102,7 +103,7 @@ void NmeaReader::line() {
         return;
     line_[length_] = 0;
     // Two letters of the talker, three of the kind; those that begin with P are of a manufacturer.
-    if (star > line_ + 6 && line_[6] == ',' && line_[1] != 'P') {
+    if (line_[6] == ',' && line_[1] != 'P') {
         static const struct {
             char kind[4];
             void (NmeaReader::*read)(NmeaFields &);
@@ -236,8 +237,7 @@ void NmeaReader::vtg(NmeaFields &fields) {
         return;
     const int32_t course = fields.rounded(1, 2, 0, 36000);
     fields.rounded(3, 2, 0, 36000);
-    const uint32_t knots = fields.knots(5);
-    const int32_t kmh = fields.rounded(7, 3, 0, 200000000);
+    const uint32_t knots = fields.knots(5), kmh = uint32_t((fields.number(7, 6, 0, 200000000000) + 1800) / 3600);
     static const char *const kUnits[] = {"T", "M", "N", "K"};
     for (int i = 0; i < 4; i++)
         fields.letter(2 + 2 * i, kUnits[i]);
@@ -246,8 +246,7 @@ void NmeaReader::vtg(NmeaFields &fields) {
         return;
     join(-1, line_ms_);
     if (mode != 'N')
-        fill_motion(fields.given(5) || fields.given(7), fields.given(5) ? knots : (uint32_t(kmh) * 10 + 18) / 36,
-                    fields.given(1), course);
+        fill_motion(fields.given(5) || fields.given(7), fields.given(5) ? knots : kmh, fields.given(1), course);
 }
 
 } // namespace tavrik

@@ -41,7 +41,7 @@ class NmeaFields {
         const char *at = at_[field], *const end = at + length(field);
         if (at == end)
             return 0;
-        const bool negative = low < 0 && *at == '-';
+        const bool negative = *at == '-';
         at += negative;
         int64_t value = 0;
         int digits = 0;

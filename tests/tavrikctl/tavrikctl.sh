@@ -46,6 +46,8 @@ outside)
   expect 2 '' pm lock
   expect 2 '' pm lock name -1
   expect 2 '' monitor --count 0
+  expect 2 '' gnss kind 3
+  expect 2 '' gnss track --count 0
   expect 2 '' call dial
   expect 2 '' call state 0
   expect 2 '' data start 16
@@ -60,7 +62,7 @@ outside)
   expect 2 '' wifi ap list
   expect 2 '' wifi ap show --band 6
   expect 2 '' wifi ap set --auth wep --key 12345678
-  for verb in 'dm info' 'dm mode' 'uim number' 'nw signal' 'pm lock' 'call watch' 'ecall start' 'sms send' 'wifi ap' 'monitor' 'at' 'log test'; do
+  for verb in 'dm info' 'dm mode' 'uim number' 'nw signal' 'pm lock' 'call watch' 'ecall start' 'gnss track' 'data start' 'upgrade http' 'sms send' 'wifi ap' 'monitor' 'at' 'log test'; do
     # shellcheck disable=SC2086 # two words
     "$build/tavrikctl" $verb --help | grep -q '^Usage: tavrikctl' || { echo "$verb: no help" && failed=1; }
   done
@@ -79,6 +81,7 @@ outside)
   "$build/tavrik-sim" run -- "$0" "$build" calls || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" data || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" sms || failed=1
+  "$build/tavrik-sim" run -- "$0" "$build" gnss || failed=1
 
   # A call, and a message whose second part came first.
   "$build/tavrik-sim" run --scenario "${0%/*}/../../sim/scenarios/conversation.json" -- \
@@ -113,7 +116,7 @@ empty)
   ;;
 radio | wifi | events | drive | calls | data | sms | gnss | upgrade)
   # shellcheck source=/dev/null
-  case $place in radio | wifi) ;; *) . "${0%/*}/monitor.sh" ;; esac
+  case $place in radio | wifi | gnss | upgrade) ;; *) . "${0%/*}/monitor.sh" ;; esac
   # shellcheck source=/dev/null
   . "${0%/*}/$place.sh"
   exit $failed

@@ -92,6 +92,7 @@ Family call_family();
 Family data_family();
 Family dm_family();
 Family ecall_family();
+Family gnss_family();
 Family log_family();
 Family monitor_family();
 Family nw_family();
