@@ -22,6 +22,7 @@ const std::vector<Place> &places() {
         {"/var/run/ubus.sock", Make::link, "ubus/ubus.sock"},
         {"/etc/config", Make::folder},
         {"/etc/stat", Make::folder},
+        {"/etc/ssl/certs", Make::mounted}, // of authorities; the host's would be of no use here
         {"/tmp/.uci", Make::folder},
         {"/dev/kmsg", Make::fifo, "kmsg"},
         {"/sys/power", Make::folder},

@@ -65,6 +65,10 @@ class Tree {
         case Make::folder:
             folder(place.path);
             break;
+        case Make::mounted:
+            make_folder(place.path);
+            mount_own("tmpfs", place.path, "mode=755");
+            break;
         case Make::absent:
             break;
         case Make::link:
@@ -147,8 +151,9 @@ class Tree {
         fs::create_directories(base / "work");
         for (const Place &place : places_) {
             // Made here they are ours to change, even where the host has one that is not.
-            if (place.make == Make::folder && place.path.parent_path() == path)
-                fs::create_directory(base / "upper" / place.path.filename());
+            const fs::path below = place.path.lexically_relative(path);
+            if ((place.make == Make::folder || place.make == Make::mounted) && *below.begin() != "..")
+                fs::create_directories(base / "upper" / below);
         }
         std::string options = "lowerdir=" + path.string() + ",upperdir=" + (base / "upper").string() +
                               ",workdir=" + (base / "work").string();
@@ -167,17 +172,24 @@ class Tree {
     }
 
     void folder(const fs::path &path) {
-        if (!fs::exists(path)) {
-            own(path.parent_path());
-            fs::create_directory(path);
-        } else if (is_own(path)) {
-            // Not a mount over it: a file must be able to move from one folder of /etc to another.
-            std::error_code ignored;
-            for (const fs::directory_entry &entry : fs::directory_iterator(path))
-                fs::remove_all(entry, ignored);
-        } else {
+        if (make_folder(path))
+            return;
+        if (!is_own(path)) {
             mount_own("tmpfs", path, "mode=755");
+            return;
         }
+        // Not a mount over it: a file must be able to move from one folder of /etc to another.
+        std::error_code ignored;
+        for (const fs::directory_entry &entry : fs::directory_iterator(path))
+            fs::remove_all(entry, ignored);
+    }
+
+    // False when there is one.
+    bool make_folder(const fs::path &path) {
+        if (fs::exists(path))
+            return false;
+        own(path.parent_path());
+        return fs::create_directory(path);
     }
 
     // A file where there is none is created there; one of the host is covered.

@@ -43,6 +43,7 @@ extern const ServiceRow service_rows[];
 std::unique_ptr<Service> make_bus_daemon(Context &);
 std::unique_ptr<Service> make_at_server(Context &);
 std::unique_ptr<Service> make_indication_server(Context &);
+std::unique_ptr<Service> make_ota(Context &);
 std::unique_ptr<Service> make_power(Context &);
 std::unique_ptr<Service> make_ril(Context &);
 std::unique_ptr<Service> make_sms(Context &);

@@ -3,9 +3,15 @@
 namespace tavrik::sim {
 
 const ServiceRow service_rows[] = {
-    {"bus", make_bus_daemon, false},        {"at", make_at_server, false}, {"atind", make_indication_server, false},
-    {"power", make_power, false},           {"ril", make_ril, true},       {"sms", make_sms, true},
-    {"tavrik.sim", make_bus_control, true}, {nullptr, nullptr, false},
+    {"bus", make_bus_daemon, false},
+    {"at", make_at_server, false},
+    {"atind", make_indication_server, false},
+    {"power", make_power, false},
+    {"ril", make_ril, true},
+    {"sms", make_sms, true},
+    {"ota", make_ota, true},
+    {"tavrik.sim", make_bus_control, true},
+    {nullptr, nullptr, false},
 };
 
 nlohmann::json Service::describe() const {
