@@ -54,6 +54,7 @@ outside)
   expect 2 '' ecall config --mode ET
   expect 2 '' sms send
   expect 2 '' sms send 1 x --timeout 60001
+  expect 2 '' upgrade http
   for verb in 'dm info' 'dm mode' 'uim number' 'nw signal' 'pm lock' 'call watch' 'ecall start' 'sms send' 'monitor' 'at' 'log test'; do
     # shellcheck disable=SC2086 # two words
     "$build/tavrikctl" $verb --help | grep -q '^Usage: tavrikctl' || { echo "$verb: no help" && failed=1; }
@@ -71,6 +72,7 @@ outside)
   "$build/tavrik-sim" run --scenario "${0%/*}/../../sim/scenarios/drive.json" -- "$0" "$build" drive || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" calls || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" sms || failed=1
+  "$build/tavrik-sim" run -- "$0" "$build" upgrade || failed=1
 
   # A call, and a message whose second part came first.
   "$build/tavrik-sim" run --scenario "${0%/*}/../../sim/scenarios/conversation.json" -- \
@@ -103,9 +105,9 @@ empty)
   done
   exit $failed
   ;;
-radio | events | drive | calls | sms)
+radio | events | drive | calls | sms | upgrade)
   # shellcheck source=/dev/null
-  [ "$place" = radio ] || . "${0%/*}/monitor.sh"
+  [ "$place" = radio ] || [ "$place" = upgrade ] || . "${0%/*}/monitor.sh"
   # shellcheck source=/dev/null
   . "${0%/*}/$place.sh"
   exit $failed

@@ -97,6 +97,7 @@ Family nw_family();
 Family pm_family();
 Family sms_family();
 Family uim_family();
+Family upgrade_family();
 
 struct Table {
     std::vector<Parameter> options; // of every verb

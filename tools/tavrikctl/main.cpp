@@ -16,7 +16,7 @@ Table command_table() {
              number_option("--log", "MODE", "Where the library logs to; mode 0 goes to standard error here", 0, 3, "1"),
              switch_option("--version", "Print the version and exit"), switch_option("--help", "Print help and exit")},
             {dm_family(), uim_family(), nw_family(), call_family(), ecall_family(), sms_family(), pm_family(),
-             monitor_family(), at_family(), log_family()}};
+             upgrade_family(), monitor_family(), at_family(), log_family()}};
 }
 
 CLI::Option *add(CLI::App &app, const Parameter &parameter) {
