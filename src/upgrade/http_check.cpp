@@ -73,6 +73,13 @@ bool load_curl(Site site) {
     return g_loaded = true;
 }
 
+// The thread sanitizer takes equal numbers in two tables for one descriptor.
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define unshare(what) -1
+#endif
+#endif
+
 // From here on this thread, and those that it starts, open and close descriptors by themselves: what libcurl opens is
 // in no child of the host, and what the host closes is closed. Where that is refused sockets are close-on-exec at
 // least.
