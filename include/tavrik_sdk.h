@@ -3042,6 +3042,104 @@ TAVRIK_API int Tavrik_Gnss_Set_Nmea_Msgcfg(uint32_t sentences);
 TAVRIK_API int Tavrik_Gnss_ColdStart(void);
 TAVRIK_API int Tavrik_Gnss_HotStart(void);
 
+/* ---- Firmware upgrade ---------------------------------------------------------------------------------------- */
+
+/** What an upgrade is doing. */
+enum { TAVRIK_UPDATE_UPDATING = 0, TAVRIK_UPDATE_SUCCESS = 1, TAVRIK_UPDATE_FAILED = 2, TAVRIK_UPDATE_NOT_STARTED = 3 };
+
+#define TAVRIK_UPDATE_WORD_SIZE 32
+
+/*
+ * The module's over-the-air service, ubus object "ota", fetches and flashes the package. It may answer a request only
+ * when it is through, or at once: Tavrik_Query_Update_State() on another thread tells how far it is. Once that is
+ * TAVRIK_UPDATE_SUCCESS the application reboots the module.
+ */
+
+/**
+ * Upgrades the module's firmware from a package on local storage.
+ *
+ * @param path of the package, as the service finds it; its size must be below 4 GiB (the service is told the low 32
+ *             bits).
+ * @return 0 when the service has taken the request; -1 when `path` is NULL or there is no such file, the bus (told on
+ *         standard error, too) or the service is not there, it refuses, or does not answer within 180 s.
+ *
+ * Blocks: 180 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Upgrade_Through_SD(const char *path);
+
+/**
+ * Upgrades the module's firmware from a package on an HTTP server. Checks first that the URL answers, as
+ * query_http_file_is_exist(); the service then fetches the package by itself.
+ *
+ * @param url begins with "http://" or "https://", in lower case.
+ * @return 0 when the service has taken the request; -1 when `url` is NULL or another one, the check fails, the bus or
+ *         the service is not there, it refuses, or does not answer within 180 s.
+ *
+ * Blocks: 30 s for the check, then 180 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Upgrade_Through_HTTP(const char *url);
+
+/**
+ * Asks the service how far the upgrade is. Its word counts by its beginning: "updating", "success", "failed",
+ * "not start". For a reply without any word the last one counts that any query was told.
+ *
+ * @param[out] state TAVRIK_UPDATE_UPDATING to TAVRIK_UPDATE_NOT_STARTED; unchanged on failure.
+ * @return 0; -1 for any other word, when `state` is NULL, without bus or service, and without an answer within 30 s.
+ *
+ * Blocks: 30 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Query_Update_State(int32_t *state);
+
+/**
+ * As Tavrik_Query_Update_State(), and gives the word, of which the service may make more than its beginning.
+ *
+ * @param[out] state as there.
+ * @param[out] word  of TAVRIK_UPDATE_WORD_SIZE bytes: the first 31 of the word and a zero byte, whatever the result;
+ *                   empty when the service told nothing.
+ * @return as there; -1 when `word` is NULL, too.
+ *
+ * Blocks: 30 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Query_Update_StateEx(int32_t *state, char *word);
+
+#ifndef TAVRIK_NO_SHORT_NAMES
+
+/**
+ * Checks by a HEAD request that a URL answers with status 200. A redirection is another status. The certificate of an
+ * https server is verified with the authorities in the system's store, below "/etc/ssl/certs".
+ *
+ * The request is made by libcurl ("libcurl.so.4"), which is loaded by the first check and stays loaded. Before 7.84 it
+ * is not safe to initialise on two threads: a program that uses it as well calls curl_global_init() before.
+ *
+ * @param url of http or https; libcurl goes through a proxy where the environment names one.
+ * @return 0; -1 when `url` is NULL or empty, for any other answer and protocol, without an answer (the connection must
+ *         stand after 10 s), a certificate that is not valid, and without libcurl, thread or memory. Why is in the log,
+ *         at level debug.
+ *
+ * Blocks: 30 s, and while libcurl is being loaded. In a callback: yes.
+ */
+TAVRIK_API int query_http_file_is_exist(const char *url);
+
+/**
+ * Takes what the check of a URL receives, and discards it.
+ *
+ * @return `count`.
+ *
+ * Blocks: never. In a callback: yes.
+ */
+TAVRIK_API size_t write_data(const void *data, size_t size, size_t count, void *user);
+
+/**
+ * Reply handler for requests "query" of the object "ota" that an application makes itself: the word in the reply's
+ * field "response" becomes the last word, see Tavrik_Query_Update_State(), and is logged. Without such a field nothing
+ * happens.
+ *
+ * Blocks: never, but for the log. In a callback: yes.
+ */
+TAVRIK_API void query_update_state_cb(struct ubus_request *request, int type, struct blob_attr *message);
+
+#endif
+
 #ifdef __cplusplus
 }
 #endif

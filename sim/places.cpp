@@ -25,6 +25,7 @@ const std::vector<Place> &places() {
         {"/etc/config", Make::folder},
         {"/etc/stat", Make::folder},
         {"/etc/resolv.conf", Make::file}, // the module's name servers are not the host's
+        {"/etc/ssl/certs", Make::mounted}, // of authorities; the host's would be of no use here
         {"/tmp/.uci", Make::folder},
         // The kernel looks for pseudo-terminals beside their master, so a bind of that alone would be of no use.
         {sandbox_ptmx, Make::ptmx},

@@ -10,6 +10,7 @@ enum class Make {
     opened,  // a tmpfs into which every entry of the host's folder is bound back, where it has that folder
     overlay, // the host's folder; changes stay in the sandbox
     folder,  // an empty folder, whatever the host has there
+    mounted, // the same, on a file system of its own: quicker, but no file can be moved there
     absent,  // not bound back into the opened folder it is in
     link,    // a symbolic link to `text`
     file,    // a file with `text`, whatever the host has there

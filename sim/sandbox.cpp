@@ -72,6 +72,10 @@ class Tree {
         case Make::folder:
             folder(place.path);
             break;
+        case Make::mounted:
+            make_folder(place.path);
+            mount_own("tmpfs", place.path, "mode=755");
+            break;
         case Make::absent:
             break;
         case Make::link:
@@ -181,7 +185,7 @@ class Tree {
                 continue;
             // Made here they are ours to change, even where the host has one that is not.
             fs::create_directories(at.parent_path());
-            if (place.make == Make::folder) {
+            if (place.make == Make::folder || place.make == Make::mounted) {
                 fs::create_directory(at);
             } else {
                 write(place, at);
@@ -208,17 +212,24 @@ class Tree {
     }
 
     void folder(const fs::path &path) {
-        if (!fs::exists(path)) {
-            own(path.parent_path());
-            fs::create_directory(path);
-        } else if (is_own(path)) {
-            // Not a mount over it: a file must be able to move from one folder of /etc to another.
-            std::error_code ignored;
-            for (const fs::directory_entry &entry : fs::directory_iterator(path))
-                fs::remove_all(entry, ignored);
-        } else {
+        if (make_folder(path))
+            return;
+        if (!is_own(path)) {
             mount_own("tmpfs", path, "mode=755");
+            return;
         }
+        // Not a mount over it: a file must be able to move from one folder of /etc to another.
+        std::error_code ignored;
+        for (const fs::directory_entry &entry : fs::directory_iterator(path))
+            fs::remove_all(entry, ignored);
+    }
+
+    // False when there is one.
+    bool make_folder(const fs::path &path) {
+        if (fs::exists(path))
+            return false;
+        own(path.parent_path());
+        return fs::create_directory(path);
     }
 
     // A file where there is none is created there; one of the host is covered.

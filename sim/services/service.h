@@ -55,6 +55,7 @@ std::unique_ptr<Service> make_gpio(Context &);
 std::unique_ptr<Service> make_gps(Context &);
 std::unique_ptr<Service> make_hdgnssapp(Context &);
 std::unique_ptr<Service> make_nmea_output(Context &);
+std::unique_ptr<Service> make_ota(Context &);
 std::unique_ptr<Service> make_power(Context &);
 std::unique_ptr<Service> make_etc(Context &);
 std::unique_ptr<Service> make_tmp(Context &);

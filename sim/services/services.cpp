@@ -17,6 +17,7 @@ const ServiceRow service_rows[] = {
     {"ttyGS0", make_nmea_output, false},
     {"ril", make_ril, true},
     {"sms", make_sms, true},
+    {"ota", make_ota, true},
     {"network", make_network, true},
     {"network.interface", make_network_interface, true},
     {"gps", make_gps, true},

@@ -59,6 +59,7 @@ outside)
   expect 2 '' ecall config --mode ET
   expect 2 '' sms send
   expect 2 '' sms send 1 x --timeout 60001
+  expect 2 '' upgrade http
   expect 2 '' wifi ap list
   expect 2 '' wifi ap show --band 6
   expect 2 '' wifi ap set --auth wep --key 12345678
@@ -82,6 +83,7 @@ outside)
   "$build/tavrik-sim" run -- "$0" "$build" data || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" sms || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" gnss || failed=1
+  "$build/tavrik-sim" run -- "$0" "$build" upgrade || failed=1
 
   # A call, and a message whose second part came first.
   "$build/tavrik-sim" run --scenario "${0%/*}/../../sim/scenarios/conversation.json" -- \

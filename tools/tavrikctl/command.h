@@ -100,6 +100,7 @@ Family pm_family();
 Family sms_family();
 Family uim_family();
 Family wifi_family();
+Family upgrade_family();
 
 struct Table {
     std::vector<Parameter> options; // of every verb
