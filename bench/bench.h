@@ -24,6 +24,7 @@ double clock_ns();
 std::vector<Row> at_rows();
 std::vector<Row> bus_rows();
 std::vector<Row> indication_rows();
+std::vector<Row> nmea_rows();
 std::vector<Row> pdu_rows(); // none without libgammu
 std::vector<Row> store_rows();
 std::vector<Row> text_rows();

@@ -81,7 +81,8 @@ int main(int argc, char **argv) {
 
     setenv("TAVRIK_LOG_OPTION", "0", 1); // the time-outs that are measured are no news
     std::vector<bench::Row> rows = bench::at_rows();
-    for (auto more : {bench::bus_rows, bench::indication_rows, bench::pdu_rows, bench::store_rows, bench::text_rows})
+    for (auto more : {bench::bus_rows, bench::indication_rows, bench::nmea_rows, bench::pdu_rows, bench::store_rows,
+                      bench::text_rows})
         for (bench::Row &row : more())
             rows.push_back(std::move(row));
     if (!json)

@@ -62,6 +62,7 @@ set(CPACK_DEBIAN_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
   "Library and header for applications on the module, the command line tavrikctl,
 and a simulator that runs an application unmodified inside a simulated module.")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "libcurl4, ca-certificates") # loaded and read when a firmware URL is checked
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_STRIP_FILES ON)

@@ -32,3 +32,6 @@ step_with call '{"number": "+4930901820"}' 'Voice calls' voice_call '1#'
 step_with message '{"from": "Büro", "reverse": true, "text": "Schade, Sie waren nicht da. Die Lieferung kommt später, um zehn nach acht, und kostet 12 €. Bitte lassen Sie das Tor offen 😀"}' \
   'Messages' messages
 step 'eCall' ecall +4930123
+step 'WiFi' access_point 'Tavrik demo' 'open sesame' 11
+step 'Positions' gnss 3
+step 'Firmware upgrade' upgrade "$0" # any file will do: nothing is flashed

@@ -12,7 +12,8 @@
  * block the thread that makes them, and nothing else, for the time that is stated.
  *
  * Callbacks. Reply handlers of requests run on the thread that made the request, before the request returns; those of
- * indications on one thread of the library (`sdkind0306`), those of asynchronous requests on another (`tavrikuloop`).
+ * indications on one thread of the library (`sdkind0306`), those of asynchronous requests on another (`tavrikuloop`),
+ * positions on a third (`tavriksdknmea`).
  * They may call any operation unless its description says otherwise; the library holds no lock while it runs one.
  *
  * The process. The library is a guest: it leaves signal dispositions as they are, raises no SIGPIPE, waits for no child
@@ -2472,6 +2473,672 @@ TAVRIK_API int Tavrik_SMS_Decode(const char *pdu, Tavrik_SmsDetail *detail);
  * Blocks: never, but for the log. In a callback: yes.
  */
 TAVRIK_API int Tavrik_SMS_Join(const Tavrik_SmsDetail *detail, char **text, int32_t *length);
+
+/* ---- WiFi ---------------------------------------------------------------------------------------------------- */
+
+/* The module's WiFi access points: options of the uci package "wireless", which the WiFi service reads when it is
+ * restarted. Each setter writes its option and restarts the service ("/etc/init.d/mwlan restart"), so stations lose
+ * their connection for a while; getters read the option, whether the service has taken it or not.
+ *
+ * In all of them `band` names the radio, 0 (TAVRIK_WIFI_2G) or 1 (TAVRIK_WIFI_5G), and `second` is not read: give 0.
+ * Network mode, bandwidth and channel stand in the sections "AP0_2G" and "AP0_5G" of type "wifi-device", the others in
+ * "AP0_2G_if" and "AP0_5G_if" of type "wifi-iface"; a section that is missing is not made. Threads may change settings
+ * at the same time: no change is lost, and the service restarts for each. */
+
+enum { TAVRIK_WIFI_2G = 0, TAVRIK_WIFI_5G = 1 };
+
+/** Buffer sizes, with the terminating zero: a network's name, and the longest key that a file may hold. */
+#define TAVRIK_WIFI_SSID_SIZE 33
+#define TAVRIK_WIFI_KEY_SIZE 65
+
+/**
+ * Names the network ("ssid").
+ *
+ * Standard: IEEE 802.11 clause 9.4.2.2.
+ *
+ * @param ssid at most 32 bytes, of any encoding, each 0x20 or above. An empty text removes the option.
+ * @return 0 when the option is written and the restart's exit status is 0. -1 when an argument is refused (NULL, 33
+ *         bytes or more, a byte below 0x20, a band that there is not), or the package cannot be read or written:
+ *         nothing is changed then. -1, too, with the option written, when the restart cannot be started, has another
+ *         status, or is ended by a signal; a program that ignores SIGCHLD learns of the first alone.
+ *
+ * Blocks: 5 s for each lock of uci that another program holds, and then until the service has restarted, however long
+ * that takes. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Set_SSID(const char *ssid, int second, int band);
+
+/**
+ * Reads the network's name. Failures are told by the log alone: preset the buffer.
+ *
+ * @param[out] ssid of TAVRIK_WIFI_SSID_SIZE bytes; a longer text is cut to 32 bytes. Unchanged on failure.
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
+TAVRIK_API void Tavrik_Get_SSID(char *ssid, int second, int band);
+
+/**
+ * Hides the network's name, or broadcasts it ("hidden").
+ *
+ * @param hidden 0 the name is broadcast, 1 hidden; others are refused.
+ * @return as Tavrik_Set_SSID().
+ *
+ * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Set_Bcast(int hidden, int second, int band);
+
+/**
+ * Reads what Tavrik_Set_Bcast() sets.
+ *
+ * @param[out] hidden 0 or 1.
+ * @return 0; -1, with the output unchanged, when it is NULL, for a band that there is not, when the package cannot be
+ *         read, and when the option is missing, a list, or none of the values that the operation knows.
+ *
+ * Blocks: 5 s for each lock of uci that another program holds. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Get_Bcast(int *hidden, int second, int band);
+
+/**
+ * Keeps stations apart ("isolate").
+ *
+ * @param isolate 0 stations reach one another, 1 they do not; others are refused.
+ * @return as Tavrik_Set_SSID().
+ *
+ * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Set_Isolate(int isolate, int second, int band);
+
+/**
+ * Reads what Tavrik_Set_Isolate() sets.
+ *
+ * @param[out] isolate 0 or 1.
+ * @return as Tavrik_Get_Bcast().
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Get_Isolate(int *isolate, int second, int band);
+
+/** How stations prove that they may join, and what encrypts. */
+enum {
+    TAVRIK_WIFI_AUTH_OPEN = 0,      /**< "none": no key */
+    TAVRIK_WIFI_AUTH_WPA2 = 1,      /**< "psk2" */
+    TAVRIK_WIFI_AUTH_WPA2_TKIP = 2, /**< "psk2+tkip+ccmp": TKIP allowed, too */
+    TAVRIK_WIFI_AUTH_WPA = 3,       /**< "psk+ccmp" */
+    TAVRIK_WIFI_AUTH_WPA_TKIP = 4,  /**< "psk+tkip+ccmp" */
+    TAVRIK_WIFI_AUTH_MIXED_AES = 5, /**< "mixed-psk+aes": WPA or WPA2 */
+    TAVRIK_WIFI_AUTH_MIXED = 6,     /**< "mixed-psk"; read, also any other word with "mixed" */
+    TAVRIK_WIFI_AUTH_SHARED = 7,    /**< only read, a word with "+shared": WEP, which protects nothing */
+    TAVRIK_WIFI_AUTH_TKIP = 8       /**< only read, any other word with "+tkip" */
+};
+
+/**
+ * Sets authentication ("encryption") and key ("key1"), both or none.
+ *
+ * Standard: IEEE 802.11 clause 12, annex J.4 (pass-phrases).
+ *
+ * @param auth TAVRIK_WIFI_AUTH_OPEN to TAVRIK_WIFI_AUTH_MIXED; others are refused.
+ * @param key  8 to 63 characters from blank (0x20) to tilde (0x7E); others are refused. Not read, and NULL allowed, for
+ *             TAVRIK_WIFI_AUTH_OPEN: the key of before stays in the package.
+ * @return as Tavrik_Set_SSID().
+ *
+ * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Set_Auth(int auth, const char *key, int second, int band);
+
+/**
+ * Reads authentication and key.
+ *
+ * @param[out] auth TAVRIK_WIFI_AUTH_OPEN to TAVRIK_WIFI_AUTH_TKIP.
+ * @param[out] key  of TAVRIK_WIFI_KEY_SIZE bytes, or NULL: the key as it stands in the package, empty when there is
+ *                  none. One that does not fit fails the call.
+ * @return as Tavrik_Get_Bcast().
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Get_Auth(int *auth, char *key, int second, int band);
+
+/**
+ * Limits how many stations may be connected at a time ("maxassoc").
+ *
+ * @param count 1 to 2007; others are refused. What the radio can serve may be fewer.
+ * @return as Tavrik_Set_SSID().
+ *
+ * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_WiFi_Connect_Num_Config(int count, int second, int band);
+
+/** Network modes: what stations may speak. */
+enum {
+    TAVRIK_WIFI_11G = 2,  /**< "11g", 2.4 GHz */
+    TAVRIK_WIFI_11BG = 3, /**< "11bg", 2.4 GHz */
+    TAVRIK_WIFI_11NG = 4, /**< "11ng", 2.4 GHz */
+    TAVRIK_WIFI_11A = 5,  /**< "11a", 5 GHz */
+    TAVRIK_WIFI_11NA = 6, /**< "11na", 5 GHz */
+    TAVRIK_WIFI_11AC = 7  /**< "11ac", 5 GHz */
+};
+
+/**
+ * Sets the radio's network mode ("hwmode").
+ *
+ * @param mode one of the band's: 2 to 4 for 2.4 GHz, 5 to 7 for 5 GHz. Others are refused, without a line in the log.
+ * @return as Tavrik_Set_SSID().
+ *
+ * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Set_Netmode(int mode, int second, int band);
+
+/**
+ * Reads what Tavrik_Set_Netmode() sets.
+ *
+ * @param[out] mode one of the band's.
+ * @return as Tavrik_Get_Bcast().
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Get_Netmode(int *mode, int second, int band);
+
+/**
+ * Sets the radio's bandwidth ("htmode"), while the network mode is TAVRIK_WIFI_11NG or TAVRIK_WIFI_11NA: with any
+ * other, TAVRIK_WIFI_11AC among them, it is refused.
+ *
+ * @param bandwidth 0 20 MHz ("HT20", 5 GHz "VHT20"), 1 40 MHz ("HT40", "VHT40"), 5 GHz alone 2 80 MHz ("VHT80").
+ *                  Others are refused, without a line in the log.
+ * @return as Tavrik_Set_SSID().
+ *
+ * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Set_Band(int bandwidth, int second, int band);
+
+/**
+ * Reads what Tavrik_Set_Band() sets.
+ *
+ * @param[out] bandwidth 0, 1 or 2.
+ * @return as Tavrik_Get_Bcast().
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Get_Band(int *bandwidth, int second, int band);
+
+/**
+ * Sets the radio's channel ("channel").
+ *
+ * @param channel 2.4 GHz: what check_channel_with_crty() allows. 5 GHz: 0 (automatic), 36, 40, 44, 48, 52, 56, 60, 64,
+ *                149, 153, 157 or 161. Others are refused, without a line in the log.
+ * @return as Tavrik_Set_SSID().
+ *
+ * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Set_Channel(int channel, int second, int band);
+
+/**
+ * Reads what Tavrik_Set_Channel() sets.
+ *
+ * @param[out] channel 0 is automatic, also where the package says "auto".
+ * @return as Tavrik_Get_Bcast().
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Get_Channel(int *channel, int second, int band);
+
+/** Access points of a band, to be added up. */
+enum {
+    TAVRIK_WIFI_AP0 = 1, /**< the first, "AP0_2G" or "AP0_5G" */
+    TAVRIK_WIFI_AP1 = 2  /**< the second, "AP1_2G" or "AP1_5G" */
+};
+
+/**
+ * Switches the band's access points on and off ("disabled"), all or none of the change.
+ *
+ * @param mode 0 none, TAVRIK_WIFI_AP0, TAVRIK_WIFI_AP1, or their sum for both; others are refused. An access point
+ * whose section is missing is off: to switch it on fails.
+ * @return as Tavrik_Set_SSID().
+ *
+ * Blocks: as Tavrik_Set_SSID(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Set_WiFi_Mode(int mode, int second, int band);
+
+/**
+ * Reads which of the band's access points are on.
+ *
+ * @param[out] mode 0, or TAVRIK_WIFI_AP0 and TAVRIK_WIFI_AP1 added up: those whose section is there, with "disabled"
+ *                  missing or "0".
+ * @return as Tavrik_Get_Bcast(); -1 only for a refused argument, and when the package cannot be read.
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Get_WiFi_Mode(int *mode, int second, int band);
+
+#ifndef TAVRIK_NO_SHORT_NAMES
+
+/**
+ * Tells whether a 2.4 GHz channel is allowed in the country that the package names ("country" of the sections of type
+ * "wifi-device", the last that has it).
+ *
+ * @param channel 0 automatic, 1 and up.
+ * @param second  not read.
+ * @return 1 when the country is one of the 140 of the library's table, by its code in upper case, and the channel not
+ *         above its highest one (11 to 14); 0 otherwise, and always in a country without any (IR, SY).
+ *
+ * Blocks: as Tavrik_Get_Bcast(). In a callback: yes.
+ */
+TAVRIK_API int check_channel_with_crty(int channel, int second);
+
+#endif
+
+/* ---- GNSS ---------------------------------------------------------------------------------------------------- */
+
+/** What Tavrik_GnssData::known tells to be there; a member whose bit is missing is 0 and means nothing. */
+enum {
+    TAVRIK_GNSS_KNOWN_FIX = 1 << 0,      /**< `fix_type` */
+    TAVRIK_GNSS_KNOWN_TIME = 1 << 1,     /**< `hour`, `min`, `sec`; with the date `utc_ms` */
+    TAVRIK_GNSS_KNOWN_DATE = 1 << 2,     /**< `year`, `month`, `day` */
+    TAVRIK_GNSS_KNOWN_POSITION = 1 << 3, /**< `lat`, `lon` */
+    TAVRIK_GNSS_KNOWN_ALTITUDE = 1 << 4, /**< `alt`, `geoid` */
+    TAVRIK_GNSS_KNOWN_SPEED = 1 << 5,    /**< `speed` */
+    TAVRIK_GNSS_KNOWN_COURSE = 1 << 6,   /**< `course`; a receiver that stands tells none */
+    TAVRIK_GNSS_KNOWN_QUALITY = 1 << 7,  /**< `quality` */
+    TAVRIK_GNSS_KNOWN_MODE = 1 << 8,     /**< `mode` */
+    TAVRIK_GNSS_KNOWN_DOP = 1 << 9,      /**< `pdop`, `hdop`, `vdop` */
+    TAVRIK_GNSS_KNOWN_USED = 1 << 10,    /**< `used`, `used_by`, and `used` of each satellite */
+    TAVRIK_GNSS_KNOWN_VIEW = 1 << 11     /**< `in_view`, `view_by`, `sat_count`, `sats` */
+};
+
+/** What a Tavrik_GnssData carries. */
+enum {
+    TAVRIK_GNSS_RECORD = 0,  /**< all that the receiver told about one moment */
+    TAVRIK_GNSS_SENTENCE = 1 /**< one sentence of the receiver, as it came: `mono_ms`, `sentence_len`, `sentence` */
+};
+
+/** Tavrik_GnssData::fix_type. */
+enum { TAVRIK_GNSS_FIX_NONE = 1, TAVRIK_GNSS_FIX_2D = 2, TAVRIK_GNSS_FIX_3D = 3 };
+
+/** Constellations: indexes of `used_by` and `view_by`, and Tavrik_GnssSatellite::constellation. */
+enum {
+    TAVRIK_GNSS_GPS = 0,
+    TAVRIK_GNSS_GLONASS = 1,
+    TAVRIK_GNSS_GALILEO = 2,
+    TAVRIK_GNSS_BEIDOU = 3,
+    TAVRIK_GNSS_QZSS = 4,
+    TAVRIK_GNSS_NAVIC = 5,
+    TAVRIK_GNSS_SBAS = 6,
+    TAVRIK_GNSS_OTHER = 7,
+    TAVRIK_GNSS_CONSTELLATIONS = 8
+};
+
+#define TAVRIK_GNSS_SATELLITES_MAX 64
+#define TAVRIK_GNSS_SENTENCE_SIZE 254
+#define TAVRIK_GNSS_AZIMUTH_UNKNOWN 0xFFFF
+#define TAVRIK_GNSS_ELEVATION_UNKNOWN (-128)
+
+/** One satellite in view. 8 bytes. */
+typedef struct Tavrik_GnssSatellite {
+    uint16_t id;           /**< as the receiver numbers it in its sentences */
+    uint16_t azimuth;      /**< degrees from true north, 0 to 359; TAVRIK_GNSS_AZIMUTH_UNKNOWN */
+    uint8_t constellation; /**< TAVRIK_GNSS_GPS and so on */
+    int8_t elevation;      /**< degrees, -90 to 90; TAVRIK_GNSS_ELEVATION_UNKNOWN */
+    uint8_t cn0;           /**< C/N0 in dBHz, the strongest of its signals; 0 when it is not tracked */
+    uint8_t used;          /**< 1 when the position rests on it */
+} Tavrik_GnssSatellite;
+
+/**
+ * What the receiver told, from its NMEA 0183 sentences RMC, GGA, GSA, GSV and VTG. 896 bytes, the same on all machines;
+ * `size` may grow with later versions, never change what is there.
+ *
+ * A record joins the sentences of one moment. What none of them told is not in `known`; satellites in view, which many
+ * receivers tell less often, are those last told, for 15 seconds at most.
+ */
+typedef struct Tavrik_GnssData {
+    uint16_t size;    /**< bytes that are filled: 896 */
+    uint8_t kind;     /**< TAVRIK_GNSS_RECORD or TAVRIK_GNSS_SENTENCE; the members that belong to the other are 0 */
+    uint8_t fix_type; /**< TAVRIK_GNSS_FIX_NONE, _2D or _3D */
+    uint32_t known;   /**< TAVRIK_GNSS_KNOWN_FIX and so on */
+    int64_t utc_ms;   /**< milliseconds since 1970-01-01 00:00 UTC, when both time and date are known */
+    int64_t mono_ms;  /**< CLOCK_MONOTONIC in milliseconds, when the first byte of the moment's first sentence came */
+    int32_t lat;      /**< 1e-7 degree, north positive (WGS 84) */
+    int32_t lon;      /**< 1e-7 degree, east positive */
+    int32_t alt;      /**< millimetres above mean sea level */
+    int32_t geoid;    /**< millimetres of mean sea level above the ellipsoid; 0 also when only the altitude was told */
+    uint32_t speed;   /**< over ground, millimetres a second */
+    uint16_t course;  /**< over ground, 0.01 degree from true north, 0 to 35999 */
+    uint8_t
+        quality;   /**< GGA's: 0 none, 1 GPS, 2 differential, 4 RTK, 5 float RTK, 6 estimated, 7 manual, 8 simulator */
+    char mode;     /**< RMC's: A autonomous, D differential, E estimated, F float RTK, N none, P precise, R RTK, ... */
+    uint16_t pdop; /**< dilution of precision, 0.01 */
+    uint16_t hdop; /**< horizontal, 0.01 */
+    uint16_t vdop; /**< vertical, 0.01 */
+    uint8_t used;  /**< satellites that the position rests on */
+    uint8_t in_view;                             /**< satellites in view, also beyond those that `sats` has room for */
+    uint8_t used_by[TAVRIK_GNSS_CONSTELLATIONS]; /**< `used` by constellation; all 0 when only a sum was told */
+    uint8_t view_by[TAVRIK_GNSS_CONSTELLATIONS]; /**< `in_view` by constellation */
+    uint16_t year;                               /**< UTC */
+    uint8_t month;                               /**< 1 to 12 */
+    uint8_t day;                                 /**< 1 to 31 */
+    uint8_t hour;                                /**< 0 to 23 */
+    uint8_t min;                                 /**< 0 to 59 */
+    uint8_t sec;                                 /**< 0 to 59, and 60 in a leap second */
+    uint8_t pad;                                 /**< 0 */
+    uint8_t sat_count;                           /**< entries of `sats` */
+    uint8_t pad2[7];                             /**< 0 */
+    Tavrik_GnssSatellite sats[TAVRIK_GNSS_SATELLITES_MAX];
+    uint16_t sentence_len;                    /**< characters of `sentence` */
+    char sentence[TAVRIK_GNSS_SENTENCE_SIZE]; /**< "$...*hh", a zero byte behind, without CR LF */
+    uint8_t reserved[40];                     /**< 0 */
+} Tavrik_GnssData;
+
+/** Kinds of receivers. */
+enum {
+    TAVRIK_GNSS_BUILT_IN = 0, /**< the module's own, driven by the ubus object "gps" */
+    TAVRIK_GNSS_POWERED = 1,  /**< an external one, powered through a GPIO line; each start loads its firmware */
+    TAVRIK_GNSS_SERIAL = 2    /**< an external one on the port, with the ubus object "hdgnssapp" */
+};
+
+/** What the callback gets. */
+enum {
+    TAVRIK_GNSS_CALLBACK_RECORD = 0,    /**< a record for each epoch; so at the beginning */
+    TAVRIK_GNSS_CALLBACK_SENTENCES = 1, /**< the sentences, each with a right checksum */
+    TAVRIK_GNSS_CALLBACK_BOTH = 2       /**< the sentences of an epoch, and behind them its record */
+};
+
+/**
+ * Gets what the receiver told. `data` is valid during the call.
+ *
+ * Runs on the NMEA thread (`tavriksdknmea`), one call at a time. It may call any operation; after Tavrik_Gnss_Deinit()
+ * inside it nothing more comes. While it runs the receiver is not read: what the port cannot keep meanwhile is lost.
+ */
+typedef void (*Tavrik_GnssCb)(const Tavrik_GnssData *data);
+
+/** Loads the firmware of a receiver of kind TAVRIK_GNSS_POWERED; 0 when it is loaded. */
+typedef int (*Tavrik_GnssLoader)(void);
+
+/**
+ * 1 while the receiver is started, for reading. Set before the thread is told to read; cleared by Tavrik_Gnss_Stop()
+ * and Tavrik_Gnss_Deinit(). The library reads and writes these words atomically.
+ */
+extern TAVRIK_API int g_upgrade_ready;
+/** The GPIO line given to Tavrik_Gnss_Init(). */
+extern TAVRIK_API int g_gpio_number;
+/** Control pipe of the NMEA thread: its read end, its write end; -1 while there is none. Not to be closed. */
+extern TAVRIK_API int g_pipe[2];
+
+/**
+ * Chooses the kind of receiver, at first TAVRIK_GNSS_BUILT_IN. Counts from the next Tavrik_Gnss_Init() on.
+ *
+ * @param kind TAVRIK_GNSS_BUILT_IN (0), TAVRIK_GNSS_POWERED (1) or TAVRIK_GNSS_SERIAL (2).
+ * @return 0; -1 for any other value, and the kind stays.
+ *
+ * Blocks: never, but for the log. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Gnss_Chip_Select(int kind);
+
+/**
+ * Sets what loads the firmware of a receiver of kind TAVRIK_GNSS_POWERED. Without a loader such a receiver cannot be
+ * started.
+ *
+ * @param loader runs inside Tavrik_Gnss_Start(), on its thread, with no lock held; NULL for none.
+ * @return 0.
+ *
+ * Blocks: never. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Gnss_SetFirmwareLoader(Tavrik_GnssLoader loader);
+
+/**
+ * Makes ready for Tavrik_Gnss_Start(): starts the NMEA thread, which waits. With TAVRIK_GNSS_POWERED the GPIO line is
+ * set up first, and the AT channel opened (Tavrik_AT_Init()).
+ *
+ * @param callback    gets positions (Tavrik_Gnss_CallBack_Switch()); NULL when Tavrik_Gnss_GetGnssLocationInfo() is
+ *                    enough.
+ * @param gpio_number the GPIO line of a receiver of kind TAVRIK_GNSS_POWERED; else it is only kept.
+ * @return 0; -1 when it was called before, without Tavrik_Gnss_Deinit(), and when the line, the AT channel, the pipe or
+ *         the thread cannot be had. An AT channel that was opened stays open, until Tavrik_Gnss_Deinit() at the latest.
+ *
+ * Blocks: as Tavrik_AT_Init() with TAVRIK_GNSS_POWERED, and then 1 s until the line is there; else never, but for the
+ * log. In a callback: yes; after Tavrik_Gnss_Deinit() in it the new callback may run before the old one has returned.
+ */
+TAVRIK_API int Tavrik_Gnss_Init(Tavrik_GnssCb callback, int gpio_number);
+
+/**
+ * Ends the NMEA thread, and closes the ports and the control pipe. The receiver is not stopped: Tavrik_Gnss_Stop() does
+ * that. With TAVRIK_GNSS_POWERED the AT channel is closed (Tavrik_AT_Deinit()), also one that somebody else opened.
+ * Without Tavrik_Gnss_Init() it does no more than that.
+ *
+ * Behind it the callback does not run any more, with two exceptions: the one inside which it was called, and one that
+ * did not end within 2 s. That one is left behind with a line in the log: its thread delivers nothing more, and ends
+ * when it returns. Tavrik_Gnss_Init() works meanwhile.
+ *
+ * @return 0.
+ *
+ * Blocks: 2 s, while the callback runs; not while another thread is inside this call; and as Tavrik_AT_Deinit().
+ * In a callback: yes, without waiting for it.
+ */
+TAVRIK_API int Tavrik_Gnss_Deinit(void);
+
+/**
+ * Brings the receiver up and tells the thread to read it, at "/dev/ttyS3". Before it: Tavrik_Gnss_Init().
+ *
+ * What it returns depends on the kind, and is not always what it looks like; `g_upgrade_ready` tells whether the
+ * receiver is started.
+ *
+ * @return TAVRIK_GNSS_BUILT_IN: **-1 always**, also when the receiver is started: ubus "gps" "gnss_init" has succeeded,
+ *         and the thread reads.
+ *         TAVRIK_GNSS_POWERED: 0 when the firmware was loaded. **-1 when it was loaded before** (Tavrik_Gnss_Deinit()
+ *         without Tavrik_Gnss_Stop() keeps it): the receiver is started all the same. -1 when the line cannot be set
+ * up, and when there is no loader; also when it fails: then the receiver is not started. TAVRIK_GNSS_SERIAL: 0 when the
+ * receiver is started. **0 when the port cannot be opened**: then it is not. -1 when the thread could not be told. -1
+ * when ubus "hdgnssapp" "start" failed: then it **is** started. Whatever the kind: -1 while it is started.
+ *
+ * When the port cannot be opened by the thread, or is lost later, that is told in the log alone; Tavrik_Gnss_Stop() and
+ * Tavrik_Gnss_Start() try again.
+ * Blocks: 10 s for the ubus call; as long as the loader. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Gnss_Start(void);
+
+/**
+ * Stops the receiver, and tells the thread to stop reading and to close the port. By kind: calls ubus "gps"
+ * "gnss_deinit"; drives the GPIO line low, whereupon the firmware counts as not loaded; sends the receiver its stop
+ * command and calls ubus "hdgnssapp" "close". Failures of these are logged, and no more.
+ *
+ * The thread hears of it as soon as it is not inside a callback; until then callbacks may come.
+ *
+ * @return 0; -1 when the receiver is not started, and then nothing is done; -1 when the thread could not be told, and
+ *         then the receiver counts as started.
+ *
+ * Blocks: 10 s for the ubus call, 1 s while the port takes nothing. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Gnss_Stop(void);
+
+/**
+ * Chooses what the callback gets, from the next sentence or record on.
+ *
+ * @param value TAVRIK_GNSS_CALLBACK_RECORD (0, at first), _SENTENCES (1) or _BOTH (2).
+ * @return 0; -1 for any other value.
+ *
+ * Blocks: never, but for the log. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Gnss_CallBack_Switch(int value);
+
+/**
+ * Switches the copy of sentences to the NMEA output port "/dev/ttyGS0" on or off. Each goes out whole with CR LF, or,
+ * when the port takes no more, not at all. A port that cannot be opened is tried again with each sentence.
+ *
+ * @param flag 1 on, 0 off (at first).
+ * @return 0; -1 for any other value.
+ *
+ * Blocks: never, but for the log. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Gnss_Data_to_Nmea_Port(int flag);
+
+/**
+ * Switches the saving of sentences on or off: they are appended with CR LF to "/mnt/userdata/gnssdata.txt". The file
+ * has at most 1 MiB; then it is begun afresh.
+ *
+ * @param flag 1 on, 0 off (at first).
+ * @return 0; -1 for any other value. That the file cannot be written is told in the log, once.
+ *
+ * Blocks: never, but for the log. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Gnss_SetSaveFlag(int flag);
+
+/**
+ * Limits callbacks: of each epoch the callback gets all, or, when it comes too soon after the last one, nothing. At
+ * first there is no limit. The receiver is told nothing; port, file and Tavrik_Gnss_GetGnssLocationInfo() get
+ * everything.
+ *
+ * @param rate epochs a second, 1 to 10.
+ * @return 0; -1 for any other value.
+ *
+ * Blocks: never, but for the log. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Gnss_SetNmeaRate(int rate);
+
+/**
+ * Sets what the built-in receiver is given as "gnss_init_param" at the next Tavrik_Gnss_Start(), 0 at first. It is
+ * passed on as it is.
+ *
+ * @param mode as the module's GNSS service understands it.
+ * @return 0.
+ *
+ * Blocks: never. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Gnss_SetPositionMode(int mode);
+
+/**
+ * Copies the record of the last epoch since Tavrik_Gnss_Init(); its `mono_ms` tells how old it is.
+ *
+ * @param[out] data a record of kind TAVRIK_GNSS_RECORD; unchanged on failure.
+ * @return 0; -1 when there is none yet.
+ *
+ * Blocks: never, but for the log. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Gnss_GetGnssLocationInfo(Tavrik_GnssData *data);
+
+/**
+ * Sends bytes to the receiver's port as they are.
+ *
+ * @param command the bytes.
+ * @param length  their number, 1 or more.
+ * @return the bytes written, fewer than `length` when the port took no more; -1 while the port is closed (before the
+ *         thread has opened it in Tavrik_Gnss_Start(), when it is lost), and when nothing was written.
+ *
+ * Blocks: 1 s while the port takes nothing. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Gnss_SendCommand(const void *command, int length);
+
+/**
+ * Tells the receiver by "$MSGCFG,0,0x%x" which sentences to send.
+ *
+ * @param sentences a bit for each, as the receiver numbers them.
+ * @return 0; -1 as Tavrik_Gnss_SendCommand(), or when it was not sent whole.
+ *
+ * Blocks: as Tavrik_Gnss_SendCommand(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Gnss_Set_Nmea_Msgcfg(uint32_t sentences);
+
+/**
+ * Restart the receiver: by "$RESET,3" without anything that it knows, by "$RESET,1" with all.
+ *
+ * @return 0; -1 as Tavrik_Gnss_SendCommand(), or when it was not sent whole.
+ *
+ * Block: as Tavrik_Gnss_SendCommand(). In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Gnss_ColdStart(void);
+TAVRIK_API int Tavrik_Gnss_HotStart(void);
+
+/* ---- Firmware upgrade ---------------------------------------------------------------------------------------- */
+
+/** What an upgrade is doing. */
+enum { TAVRIK_UPDATE_UPDATING = 0, TAVRIK_UPDATE_SUCCESS = 1, TAVRIK_UPDATE_FAILED = 2, TAVRIK_UPDATE_NOT_STARTED = 3 };
+
+#define TAVRIK_UPDATE_WORD_SIZE 32
+
+/*
+ * The module's over-the-air service, ubus object "ota", fetches and flashes the package. It may answer a request only
+ * when it is through, or at once: Tavrik_Query_Update_State() on another thread tells how far it is. Once that is
+ * TAVRIK_UPDATE_SUCCESS the application reboots the module.
+ */
+
+/**
+ * Upgrades the module's firmware from a package on local storage.
+ *
+ * @param path of the package, as the service finds it; its size must be below 4 GiB (the service is told the low 32
+ *             bits).
+ * @return 0 when the service has taken the request; -1 when `path` is NULL or there is no such file, the bus (told on
+ *         standard error, too) or the service is not there, it refuses, or does not answer within 180 s.
+ *
+ * Blocks: 180 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Upgrade_Through_SD(const char *path);
+
+/**
+ * Upgrades the module's firmware from a package on an HTTP server. Checks first that the URL answers, as
+ * query_http_file_is_exist(); the service then fetches the package by itself.
+ *
+ * @param url begins with "http://" or "https://", in lower case.
+ * @return 0 when the service has taken the request; -1 when `url` is NULL or another one, the check fails, the bus or
+ *         the service is not there, it refuses, or does not answer within 180 s.
+ *
+ * Blocks: 30 s for the check, then 180 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Upgrade_Through_HTTP(const char *url);
+
+/**
+ * Asks the service how far the upgrade is. Its word counts by its beginning: "updating", "success", "failed",
+ * "not start". For a reply without any word the last one counts that any query was told.
+ *
+ * @param[out] state TAVRIK_UPDATE_UPDATING to TAVRIK_UPDATE_NOT_STARTED; unchanged on failure.
+ * @return 0; -1 for any other word, when `state` is NULL, without bus or service, and without an answer within 30 s.
+ *
+ * Blocks: 30 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Query_Update_State(int32_t *state);
+
+/**
+ * As Tavrik_Query_Update_State(), and gives the word, of which the service may make more than its beginning.
+ *
+ * @param[out] state as there.
+ * @param[out] word  of TAVRIK_UPDATE_WORD_SIZE bytes: the first 31 of the word and a zero byte, whatever the result;
+ *                   empty when the service told nothing.
+ * @return as there; -1 when `word` is NULL, too.
+ *
+ * Blocks: 30 s. In a callback: yes.
+ */
+TAVRIK_API int Tavrik_Query_Update_StateEx(int32_t *state, char *word);
+
+#ifndef TAVRIK_NO_SHORT_NAMES
+
+/**
+ * Checks by a HEAD request that a URL answers with status 200. A redirection is another status. The certificate of an
+ * https server is verified with the authorities in the system's store, below "/etc/ssl/certs".
+ *
+ * The request is made by libcurl ("libcurl.so.4"), which is loaded by the first check and stays loaded. Before 7.84 it
+ * is not safe to initialise on two threads: a program that uses it as well calls curl_global_init() before.
+ *
+ * @param url of http or https; libcurl goes through a proxy where the environment names one.
+ * @return 0; -1 when `url` is NULL or empty, for any other answer and protocol, without an answer (the connection must
+ *         stand after 10 s), a certificate that is not valid, and without libcurl, thread or memory. Why is in the log,
+ *         at level debug.
+ *
+ * Blocks: 30 s, and while libcurl is being loaded. In a callback: yes.
+ */
+TAVRIK_API int query_http_file_is_exist(const char *url);
+
+/**
+ * Takes what the check of a URL receives, and discards it.
+ *
+ * @return `count`.
+ *
+ * Blocks: never. In a callback: yes.
+ */
+TAVRIK_API size_t write_data(const void *data, size_t size, size_t count, void *user);
+
+/**
+ * Reply handler for requests "query" of the object "ota" that an application makes itself: the word in the reply's
+ * field "response" becomes the last word, see Tavrik_Query_Update_State(), and is logged. Without such a field nothing
+ * happens.
+ *
+ * Blocks: never, but for the log. In a callback: yes.
+ */
+TAVRIK_API void query_update_state_cb(struct ubus_request *request, int type, struct blob_attr *message);
+
+#endif
 
 #ifdef __cplusplus
 }

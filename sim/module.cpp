@@ -63,7 +63,11 @@ Module::Module(const ModuleOptions &options)
         if (next >= 0)
             clock_timer_.start(static_cast<int>(std::min<int64_t>(next, 3600000)));
     };
-    context_.read_taps = [this] { taps_.read(); };
+    context_.read_taps = [this] {
+        taps_.read();
+        for (auto &[name, service] : context_.services)
+            service->read_pending();
+    };
     context_.renew = [this] { renew(); };
     context_.on_indication_client = [this] { play(); };
 }
@@ -98,6 +102,7 @@ void Module::renew() {
     context_.clock.reset();
     for (auto &[name, service] : context_.services)
         service->renew();
+    context_.receiver.reset();
 }
 
 void Module::fail(int code, const std::string &message) {

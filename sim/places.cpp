@@ -25,8 +25,20 @@ const std::vector<Place> &places() {
         {"/etc/config", Make::folder},
         {"/etc/stat", Make::folder},
         {"/etc/resolv.conf", Make::file}, // the module's name servers are not the host's
+        {"/etc/ssl/certs", Make::mounted}, // of authorities; the host's would be of no use here
         {"/tmp/.uci", Make::folder},
+        // The kernel looks for pseudo-terminals beside their master, so a bind of that alone would be of no use.
+        {sandbox_ptmx, Make::ptmx},
+        {"/dev", Make::opened},
+        {"/dev/ptmx", Make::link, std::string(sandbox_ptmx) + "/ptmx"},
+        {"/dev/ttyS3", Make::absent},
+        {"/dev/ttyGS0", Make::absent},
+        {sandbox_terminals, Make::devpts},
         {"/dev/kmsg", Make::fifo, "kmsg"},
+        {"/mnt", Make::opened},
+        {"/mnt/userdata", Make::absent},
+        {sandbox_disk, Make::disk},
+        {"/sys/class/gpio", Make::folder},
         {"/sys/power", Make::folder},
         {"/sys/power/autosleep", Make::fifo, "autosleep"},
         {"/sys/power/wake_lock", Make::fifo, "wake_lock"},

@@ -45,11 +45,17 @@ class Tree {
             place.path = fs::weakly_canonical(place.path.parent_path()) / place.path.filename();
             places_.push_back(place);
         }
+        std::error_code none;
+        const fs::path ptmx = fs::canonical("/dev/ptmx", none);
+        if (!none)
+            ptmx_folder_ = open(ptmx.parent_path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
     }
 
     std::vector<Tap> build() {
         for (const Place &place : places_)
             put(place);
+        if (ptmx_folder_ >= 0)
+            close(ptmx_folder_);
         return std::move(taps_);
     }
 
@@ -57,13 +63,18 @@ class Tree {
     void put(const Place &place) {
         switch (place.make) {
         case Make::opened:
-            open_folder(place.path);
+            if (fs::is_directory(place.path))
+                open_folder(place.path);
             break;
         case Make::overlay:
             overlay(place.path);
             break;
         case Make::folder:
             folder(place.path);
+            break;
+        case Make::mounted:
+            make_folder(place.path);
+            mount_own("tmpfs", place.path, "mode=755");
             break;
         case Make::absent:
             break;
@@ -73,6 +84,22 @@ class Tree {
             break;
         case Make::fifo:
             taps_.push_back({place.text, fifo(place.path)});
+            break;
+        case Make::ptmx:
+            own(place.path);
+            if (ptmx_folder_ >= 0)
+                mount(("/proc/self/fd/" + std::to_string(ptmx_folder_)).c_str(), place.path.c_str(), nullptr,
+                      MS_BIND | MS_REC, nullptr);
+            break;
+        case Make::devpts:
+            own(place.path);
+            check(mount("devpts", place.path.c_str(), "devpts", MS_NOSUID | MS_NOEXEC, "newinstance,ptmxmode=0666"),
+                  "mount " + place.path.string());
+            break;
+        case Make::disk:
+            own(place.path);
+            check(mount("tmpfs", place.path.c_str(), "tmpfs", MS_NOSUID, "mode=755,size=4m"),
+                  "mount " + place.path.string());
             break;
         case Make::file:
         case Make::program:
@@ -158,7 +185,7 @@ class Tree {
                 continue;
             // Made here they are ours to change, even where the host has one that is not.
             fs::create_directories(at.parent_path());
-            if (place.make == Make::folder) {
+            if (place.make == Make::folder || place.make == Make::mounted) {
                 fs::create_directory(at);
             } else {
                 write(place, at);
@@ -185,17 +212,24 @@ class Tree {
     }
 
     void folder(const fs::path &path) {
-        if (!fs::exists(path)) {
-            own(path.parent_path());
-            fs::create_directory(path);
-        } else if (is_own(path)) {
-            // Not a mount over it: a file must be able to move from one folder of /etc to another.
-            std::error_code ignored;
-            for (const fs::directory_entry &entry : fs::directory_iterator(path))
-                fs::remove_all(entry, ignored);
-        } else {
+        if (make_folder(path))
+            return;
+        if (!is_own(path)) {
             mount_own("tmpfs", path, "mode=755");
+            return;
         }
+        // Not a mount over it: a file must be able to move from one folder of /etc to another.
+        std::error_code ignored;
+        for (const fs::directory_entry &entry : fs::directory_iterator(path))
+            fs::remove_all(entry, ignored);
+    }
+
+    // False when there is one.
+    bool make_folder(const fs::path &path) {
+        if (fs::exists(path))
+            return false;
+        own(path.parent_path());
+        return fs::create_directory(path);
     }
 
     // A file where there is none is created there; one of the host is covered.
@@ -255,6 +289,7 @@ class Tree {
     std::set<dev_t> own_;
     std::set<fs::path> made_; // together with the overlay that they are in
     std::vector<Tap> taps_;
+    int ptmx_folder_ = -1;
 };
 
 void write_file(const std::string &path, const std::string &text) {

@@ -30,12 +30,6 @@ bool Fault::for_requests() const {
            reply || status || times != 1;
 }
 
-bool Fault::stands() const {
-    return standing.freeze || standing.refuse || standing.stop || standing.full || standing.read_only ||
-           !standing.locks.empty() || standing.sleep_ms || standing.signal || standing.exit_code ||
-           !standing.flood.empty();
-}
-
 Fault Fault::from(Args &args, std::string_view effects) {
     Fault fault;
     fault.service = args.text("service").value_or("");
@@ -113,6 +107,16 @@ Fault Fault::from(Args &args, std::string_view effects) {
         fault.standing.signal = static_cast<int>(args.number("signal", 1, 64).value_or(0));
     if (knows("exit"))
         fault.standing.exit_code = static_cast<int>(args.number("exit", 1, 255).value_or(0));
+    if (knows("deaf"))
+        fault.standing.deaf = args.flag("deaf");
+    if (knows("silent"))
+        fault.standing.silent = args.flag("silent");
+    if (knows("burst"))
+        fault.standing.burst = static_cast<int>(args.number("burst", 1, 1000).value_or(1));
+    if (knows("garble"))
+        fault.standing.garble = static_cast<int>(args.number("garble", 1, INT32_MAX).value_or(0));
+    if (knows("cuts"))
+        fault.standing.cuts = args.cuts("cuts");
     if (knows("restart"))
         fault.restart = args.flag("restart");
     if (knows("flood"))
@@ -167,6 +171,12 @@ Standing Faults::standing(std::string_view service) const {
         all.sleep_ms = std::max(all.sleep_ms, fault.standing.sleep_ms);
         all.signal = std::max(all.signal, fault.standing.signal);
         all.exit_code = std::max(all.exit_code, fault.standing.exit_code);
+        all.deaf |= fault.standing.deaf;
+        all.silent |= fault.standing.silent;
+        all.burst = std::max(all.burst, fault.standing.burst);
+        all.garble = std::max(all.garble, fault.standing.garble);
+        if (all.cuts.none())
+            all.cuts = fault.standing.cuts;
         all.flood += fault.standing.flood;
     }
     return all;

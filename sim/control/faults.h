@@ -24,7 +24,17 @@ struct Standing {
     std::set<std::string> locks; // packages of uci that another program holds
     // What a program does that was started: takes its time, dies of a signal, or ends with a code.
     int sleep_ms = 0, signal = 0, exit_code = 0;
-    std::string flood; // sent without end
+    bool deaf = false;   // reads nothing
+    bool silent = false; // says nothing
+    int burst = 1;       // so much of what it says comes at once
+    int garble = 0;      // each byte of this number is wrong
+    Cuts cuts;           // of all that it says
+    std::string flood;   // sent without end
+
+    bool any() const {
+        return freeze || refuse || stop || full || deaf || silent || burst > 1 || garble || !cuts.none() || read_only ||
+               !locks.empty() || sleep_ms || signal || exit_code || !flood.empty();
+    }
 };
 
 // What is wrong with a service (docs/simulator.md, "Faults").
@@ -56,7 +66,7 @@ struct Fault {
     bool close_now = false;
 
     bool for_requests() const;
-    bool stands() const;
+    bool stands() const { return standing.any(); }
     // `effects` are the names that the service knows. Throws std::invalid_argument.
     static Fault from(Args &args, std::string_view effects);
 

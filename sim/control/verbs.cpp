@@ -93,6 +93,43 @@ Action parse_line(Context &context, const json &object) {
     };
 }
 
+// Bytes of the receiver, once somebody listens.
+Action parse_nmea(Context &context, const json &object) {
+    Args args(object);
+    const std::optional<std::string> bytes = args.bytes("text");
+    const Cuts cuts = args.cuts("cuts");
+    const int limit = args.milliseconds("limit", default_limit_ms);
+    args.finish();
+    if (!bytes)
+        throw std::invalid_argument("\"text\" or \"hex\" is missing");
+    return [&context, bytes, cuts, limit](const Done &done) {
+        if (!context.from_receiver)
+            throw std::invalid_argument("there is no receiver");
+        auto mark = std::make_shared<int>();
+        std::weak_ptr<int> under_way = mark;
+        context.waiting.until(
+            [&context, bytes, cuts, under_way, mark]() mutable {
+                if (mark && context.from_receiver(*bytes, cuts, mark))
+                    mark.reset();
+                return under_way.expired();
+            },
+            limit,
+            [](bool in_time) {
+                return Outcome{json::object(), in_time ? "" : "nobody reads the receiver's port"};
+            },
+            done);
+    };
+}
+
+Action parse_gnss(Context &context, const json &args) {
+    // Settings are checked on a receiver that nobody hears.
+    Receiver().set(args, 0);
+    return [&context, args](const Done &done) {
+        context.receiver.set(args, context.clock.now());
+        succeed(done, context.receiver.get());
+    };
+}
+
 // An incoming message: a text, a PDU as it stands, or the report on one that was sent.
 Action parse_message(Context &context, const json &object) {
     Args args(object);
@@ -253,12 +290,20 @@ Action parse_clear(Context &context, const json &object) {
 Action parse_context(Context &context, const json &object) {
     Args args(object);
     std::optional<int64_t> cid = args.number("cid", 1, 255), state = args.number("state", 0, 1);
+    const bool words = args.flag("words");
     args.finish();
     if (!cid || !state)
         throw std::invalid_argument("\"cid\" or \"state\" is missing");
-    return [&context, name = std::to_string(*cid), up = *state != 0](const Done &done) {
-        context.modem.set({{"contexts", with_context(context.modem.state().contexts, name, up)}});
-        succeed(done, {{"contexts", context.modem.state().contexts}});
+    return [&context, name = std::to_string(*cid), up = *state != 0, words](const Done &done) {
+        Modem &modem = context.modem;
+        ModemState before = modem.state();
+        modem.state().contexts = with_context(before.contexts, name, up);
+        if (words) // this is the news then
+            before.contexts = modem.state().contexts;
+        modem.report(before);
+        if (words)
+            modem.unsolicited(std::string("+ZCONSTAT: NW PDN ") + (up ? "ACT " : "DEACT ") + name);
+        succeed(done, {{"contexts", modem.state().contexts}});
     };
 }
 
@@ -297,10 +342,11 @@ const struct {
     const char *name;
     Action (*parse)(Context &context, const json &args);
 } verbs[] = {
-    {"advance", parse_advance}, {"call", parse_call},     {"clear", parse_clear}, {"context", parse_context},
-    {"fault", parse_fault},     {"hangup", parse_hangup}, {"line", parse_line},   {"message", parse_message},
-    {"record", parse_record},   {"reset", parse_reset},   {"rules", parse_rules}, {"state", parse_state},
-    {"uci", parse_uci},         {"verbs", parse_verbs},   {"wait", parse_wait},
+    {"advance", parse_advance}, {"call", parse_call},   {"clear", parse_clear},   {"context", parse_context},
+    {"fault", parse_fault},     {"gnss", parse_gnss},   {"hangup", parse_hangup}, {"line", parse_line},
+    {"message", parse_message}, {"nmea", parse_nmea},   {"record", parse_record}, {"reset", parse_reset},
+    {"rules", parse_rules},     {"state", parse_state}, {"uci", parse_uci},       {"verbs", parse_verbs},
+    {"wait", parse_wait},
 };
 
 } // namespace

@@ -50,10 +50,10 @@ int connect_unix(const std::string &path) {
     return fd;
 }
 
-void queue_cut(StreamServer::Client &client, std::string_view bytes, const Cuts &cuts, StreamServer::Piece marks) {
+std::vector<std::string_view> cut(std::string_view bytes, const Cuts &cuts) {
+    std::vector<std::string_view> pieces;
     size_t begin = 0;
     size_t next = 0;
-    bool first = true;
     while (begin < bytes.size()) {
         size_t end = bytes.size();
         while (next < cuts.at.size() && cuts.at[next] <= begin)
@@ -62,14 +62,22 @@ void queue_cut(StreamServer::Client &client, std::string_view bytes, const Cuts 
             end = std::min(end, cuts.at[next]);
         if (cuts.every)
             end = std::min(end, begin + cuts.every);
+        pieces.push_back(bytes.substr(begin, end - begin));
+        begin = end;
+    }
+    return pieces;
+}
+
+void queue_cut(StreamServer::Client &client, std::string_view bytes, const Cuts &cuts, StreamServer::Piece marks) {
+    bool first = true;
+    for (std::string_view bytes_of_piece : cut(bytes, cuts)) {
         StreamServer::Piece piece;
-        piece.bytes = bytes.substr(begin, end - begin);
+        piece.bytes = bytes_of_piece;
         piece.when_read = !first;
         piece.delay_ms = first ? marks.delay_ms : 0;
         piece.sent = marks.sent;
         client.queue(std::move(piece));
         first = false;
-        begin = end;
     }
     if (marks.close || first) {
         if (!first)

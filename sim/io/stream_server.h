@@ -21,6 +21,8 @@ struct Cuts {
     bool none() const { return at.empty() && !every; }
 };
 
+std::vector<std::string_view> cut(std::string_view bytes, const Cuts &cuts);
+
 // A listening Unix stream socket and its clients, on the event loop.
 class StreamServer {
   public:

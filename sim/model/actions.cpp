@@ -15,6 +15,7 @@ enum { active = 0, dialling = 2, alerting = 3, ringing = 4, waiting = 5 };
 enum { idle, calling, connected, sending, acknowledged, t5_expired, t7_expired = 7, t2_expired };
 
 constexpr char emergency_number[] = "112";
+constexpr char updating[] = "updating";
 constexpr int32_t normal_clearing = 16, timer_expired = 102;
 
 // Changes the state, and reports what is different then.
@@ -189,6 +190,19 @@ bool push_msd(Modem &modem, const std::string &) {
     return true;
 }
 
+// One at a time.
+bool upgrade(Modem &modem, const std::string &) {
+    ModemState &state = modem.state();
+    if (state.ota == updating)
+        return false;
+    state.ota = updating;
+    later(modem, state.ota_ms, [&modem, serial = ++state.ota_serial] {
+        if (modem.state().ota_serial == serial)
+            modem.state().ota = modem.state().ota_end;
+    });
+    return true;
+}
+
 std::optional<int32_t> cid_in(const std::string &text) {
     int32_t cid = 0;
     auto end = text.data() + text.size();
@@ -258,7 +272,7 @@ const struct {
     {"undefine", undefine},   {"answer", answer},         {"dial", dial},
     {"drop", drop},           {"ecall", start_ecall},     {"ecall_end", end_ecall},
     {"ecall_push", push_msd}, {"hang_up", hang_up},       {"ring", ring},
-    {"tone", tone},
+    {"tone", tone},           {"upgrade", upgrade},
 };
 
 } // namespace

@@ -98,6 +98,10 @@ const Field fields[] = {
     {"ecall_smsmsdcnt", &ModemState::ecall_smsmsdcnt},
     {"ecall_sms", &ModemState::ecall_sms},
     {"ecall_smsnum", &ModemState::ecall_smsnum},
+    {"ota", &ModemState::ota},
+    {"ota_ms", &ModemState::ota_ms},
+    {"ota_end", &ModemState::ota_end},
+    {"ota_reply_ms", &ModemState::ota_reply_ms},
 };
 
 const Field *find(std::string_view name) {

@@ -87,6 +87,13 @@ struct ModemState {
     std::string ecall_t2 = "3600", ecall_t5 = "5", ecall_t6 = "5", ecall_t7 = "20", ecall_t9 = "3600",
                 ecall_t10 = "43200", ecall_dial = "60", ecall_redialcnt = "10", ecall_redialtmr = "30",
                 ecall_smsmsdcnt = "10", ecall_sms = "30", ecall_smsnum = "112";
+
+    // The firmware upgrade: the word that tells where it is, and how one goes that is started.
+    std::string ota = "not start";
+    int32_t ota_ms = 3000;
+    std::string ota_end = "success";
+    int32_t ota_reply_ms = -1;
+    uint64_t ota_serial = 0; // of the last one, so that timers of those before are void
 };
 
 // Contexts that can be defined have the numbers from 1 to this one.

@@ -110,7 +110,7 @@ bool has_ipv6() {
     return access("/proc/net/if_inet6", F_OK) == 0;
 }
 
-FarEnd::Visitor::Visitor(FarEnd &, int descriptor) : fd(descriptor), watch([this] { read(); }) {
+FarEnd::Visitor::Visitor(int descriptor) : fd(descriptor), watch([this] { read(); }) {
     watch.start(fd, ULOOP_READ);
 }
 
@@ -142,7 +142,7 @@ FarEnd::NameServer::NameServer(const char *address)
     watch.start(fd, ULOOP_READ);
 }
 
-void FarEnd::NameServer::close_() {
+FarEnd::NameServer::~NameServer() {
     watch.stop();
     shut(fd);
 }
@@ -176,6 +176,11 @@ FarEnd::FarEnd() : ipv6_(has_ipv6()), web_watch_([this] { welcome(); }) {
         error = setns(home, CLONE_NEWNET) ? errno : 0;
     }
     close(home);
+    if (failure || error) {
+        web_watch_.stop();
+        shut(web_);
+        shut(network_);
+    }
     if (failure)
         std::rethrow_exception(failure);
     if (error)
@@ -218,7 +223,7 @@ void FarEnd::connect(int32_t cid, int number) {
 void FarEnd::welcome() {
     visitors_.remove_if([](const Visitor &visitor) { return visitor.fd < 0; });
     for (int fd; (fd = accept4(web_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)) >= 0;)
-        visitors_.emplace_back(*this, fd);
+        visitors_.emplace_back(fd);
 }
 
 } // namespace tavrik::sim

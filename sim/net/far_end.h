@@ -24,7 +24,7 @@ class FarEnd {
 
   private:
     struct Visitor {
-        Visitor(FarEnd &far, int descriptor);
+        explicit Visitor(int descriptor);
         ~Visitor() { leave(); }
         void read();
         void leave();
@@ -35,9 +35,8 @@ class FarEnd {
     };
     struct NameServer {
         explicit NameServer(const char *address);
-        ~NameServer() { close_(); }
+        ~NameServer();
         void answer() const;
-        void close_();
 
         int fd;
         Watch watch;

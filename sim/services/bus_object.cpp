@@ -29,6 +29,13 @@ std::string fields_of(const blob_buf &message) {
     return {static_cast<const char *>(blob_data(message.head)), blob_len(message.head)};
 }
 
+std::string json_of(blob_attr *message) {
+    char *text = message && blob_len(message) ? blobmsg_format_json(message, true) : nullptr;
+    std::string json = text ? text : "";
+    free(text);
+    return json;
+}
+
 std::string fields_of(const nlohmann::ordered_json &message) {
     blob_buf buffer{};
     blob_buf_init(&buffer, 0);

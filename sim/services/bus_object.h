@@ -86,6 +86,8 @@ class BusObject : public Service {
 
 // The fields of a message, encoded.
 std::string fields_of(const blob_buf &message);
+// A message as JSON, empty for one without fields.
+std::string json_of(blob_attr *message);
 // A JSON object as a message: its fields in their order, encoded.
 std::string fields_of(const nlohmann::ordered_json &message);
 

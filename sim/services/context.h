@@ -11,10 +11,12 @@
 #include "control/faults.h"
 #include "control/record.h"
 #include "control/waiting.h"
+#include "io/file_events.h"
 #include "io/stream_server.h"
 #include "model/clock.h"
 #include "model/modem.h"
 #include "model/power.h"
+#include "model/receiver.h"
 #include "module.h"
 #include "services/service.h"
 
@@ -30,6 +32,8 @@ struct Context {
     Clock clock;
     Modem modem;
     Power power;
+    Receiver receiver;
+    FileEvents files;
     RuleTable rules = RuleTable::built_in();
     Record record;
     Faults faults;
@@ -43,7 +47,9 @@ struct Context {
     // how many clients there are.
     std::function<size_t(std::string_view bytes, const Cuts &cuts, std::shared_ptr<void> sent)> indicate;
     std::function<void()> on_indication_client;
-    // Reads what waits in the taps, so that the record is complete.
+    // Who reads the receiver's port gets these bytes, `sent` is released behind the last one; false while nobody does.
+    std::function<bool(std::string_view bytes, const Cuts &cuts, std::shared_ptr<void> sent)> from_receiver;
+    // Reads what programs have written, so that the record is complete.
     std::function<void()> read_taps;
     // Models, rules and clock as after the start.
     std::function<void()> renew;

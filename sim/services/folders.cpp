@@ -53,9 +53,9 @@ struct statfs look_at(const fs::path &folder) {
     return found;
 }
 
-void resize(const fs::path &folder, uint64_t bytes) {
+bool resize(const fs::path &folder, uint64_t bytes) {
     const std::string size = "size=" + std::to_string(bytes);
-    check(!mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | MS_NOSUID, size.c_str()), "resize " + folder.string());
+    return !mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | MS_NOSUID, size.c_str());
 }
 
 // Shrinks the file system to what it holds. One that holds nothing would then be without limit, hence the ballast.
@@ -63,14 +63,20 @@ void Folder::fill() {
     const fs::path folder = look_at(path_).f_type == overlay_magic ? overlay_changes : path_;
     ballast_ = folder / ".tavrik-sim-ballast";
     std::ofstream(ballast_) << '.';
-    const struct statfs found = look_at(folder);
-    const auto block = static_cast<uint64_t>(found.f_bsize);
-    resize(folder, (found.f_blocks - found.f_bfree) * block);
-    room_ = found.f_blocks * block;
+    // It cannot be made smaller than what a program has written there by then.
+    for (int attempts = 100; !room_; attempts--) {
+        const struct statfs found = look_at(folder);
+        const auto block = static_cast<uint64_t>(found.f_bsize);
+        if (resize(folder, (found.f_blocks - found.f_bfree) * block))
+            room_ = found.f_blocks * block;
+        else
+            check(attempts > 1, "fill " + folder.string());
+    }
 }
 
 void Folder::empty() {
-    resize(ballast_.parent_path(), std::exchange(room_, 0));
+    check(resize(ballast_.parent_path(), room_), "make room below " + ballast_.string());
+    room_ = 0;
     fs::remove(ballast_);
 }
 

@@ -30,6 +30,8 @@ class Service {
     virtual void discard_replies() {}
     // As new; before the start, too.
     virtual void renew() {}
+    // Reads what programs have written, so that the record is complete.
+    virtual void read_pending() {}
     virtual nlohmann::json describe() const;
 };
 
@@ -48,12 +50,19 @@ std::unique_ptr<Service> make_indication_server(Context &);
 std::unique_ptr<Service> make_links(Context &);
 std::unique_ptr<Service> make_network(Context &);
 std::unique_ptr<Service> make_network_interface(Context &);
+std::unique_ptr<Service> make_gnss(Context &);
+std::unique_ptr<Service> make_gpio(Context &);
+std::unique_ptr<Service> make_gps(Context &);
+std::unique_ptr<Service> make_hdgnssapp(Context &);
+std::unique_ptr<Service> make_nmea_output(Context &);
+std::unique_ptr<Service> make_ota(Context &);
 std::unique_ptr<Service> make_power(Context &);
 std::unique_ptr<Service> make_etc(Context &);
 std::unique_ptr<Service> make_tmp(Context &);
 std::unique_ptr<Service> make_wifi(Context &);
 std::unique_ptr<Service> make_ril(Context &);
 std::unique_ptr<Service> make_sms(Context &);
+std::unique_ptr<Service> make_userdata(Context &);
 std::unique_ptr<Service> make_bus_control(Context &);
 
 } // namespace tavrik::sim

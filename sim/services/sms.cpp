@@ -2,10 +2,6 @@
 
 #include <cstring>
 
-extern "C" {
-#include <libubox/blobmsg_json.h>
-}
-
 namespace tavrik::sim {
 
 namespace {
@@ -23,9 +19,7 @@ class Sms : public BusObject {
 };
 
 int Sms::serve(ubus_request_data *request, const char *method, blob_attr *message) {
-    char *text = message ? blobmsg_format_json(message, true) : nullptr;
-    const std::string written = text ? text : "";
-    free(text);
+    const std::string written = json_of(message);
     context_.record.add("sms", 0, method + (" " + written));
     const auto parsed = nlohmann::json::parse(written, nullptr, false);
     const bool by_pdu = !strcmp(method, "sms.send_pdu");

@@ -19,7 +19,7 @@ std::string section(const std::string &type, const std::string &name,
                     std::initializer_list<std::pair<std::string, std::string>> options) {
     std::string text = "\nconfig " + type + " '" + name + "'\n";
     for (const auto &[option, value] : options)
-        text += (option == "list dns" ? "\t" + option : "\toption " + option) + " '" + value + "'\n";
+        text.append(option == "list dns" ? "\t" : "\toption ").append(option).append(" '").append(value).append("'\n");
     return text;
 }
 

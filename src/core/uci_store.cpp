@@ -334,6 +334,9 @@ uci_section *UciStore::section(const char *name) const {
 const char *UciStore::name(const uci_section *section) {
     return section->e.name;
 }
+const char *UciStore::type(const uci_section *section) {
+    return section->type;
+}
 
 const char *UciStore::text(uci_section *section, const char *option) {
     const uci_option *const found = option_of(section, option);

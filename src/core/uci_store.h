@@ -54,6 +54,7 @@ class UciStore {
     uci_section *next(uci_section *after = nullptr) const;
     uci_section *section(const char *name) const;
     static const char *name(const uci_section *section);
+    static const char *type(const uci_section *section);
     // NULL for an option that is missing or a list.
     static const char *text(uci_section *section, const char *option);
     const char *text(const char *section_name, const char *option) const {

@@ -23,13 +23,6 @@ constexpr int kMostUnits = 210; // 70 characters of 3 bytes
 constexpr int kTextMs = 10000;
 constexpr int kPduMs = 25000;
 
-// A string field that ends where it says; NULL for none.
-const char *text_of(blob_attr *field) {
-    const char *text = field ? static_cast<const char *>(blobmsg_data(field)) : nullptr;
-    const size_t size = field ? blobmsg_data_len(field) : 0;
-    return size && !text[size - 1] ? text : nullptr;
-}
-
 // The strings of the table "sms" in a reply, in the order of their policy. False when it cannot be read.
 template <size_t count>
 bool parse_reply(blob_attr *message, const blobmsg_policy (&policy)[count], blob_attr *(&fields)[count]) {

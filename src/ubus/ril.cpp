@@ -8,6 +8,12 @@
 
 using namespace tavrik;
 
+const char *tavrik::text_of(blob_attr *field) {
+    const char *text = field ? static_cast<const char *>(blobmsg_data(field)) : nullptr;
+    const size_t size = field ? blobmsg_data_len(field) : 0;
+    return size && !text[size - 1] ? text : nullptr;
+}
+
 bool tavrik::answered(const RilReply &reply, uint32_t request, Site site) {
     if (!reply.parsed)
         log(Level::error, site, "Call back Parse response failed");

@@ -23,6 +23,9 @@ class BlobBuf {
     bool ok;
 };
 
+// A string field of a message that ends where it says; NULL for none.
+const char *text_of(blob_attr *field);
+
 // A request to the object "ril": its number alone, or with a payload.
 class RilRequest : public BlobBuf {
   public:

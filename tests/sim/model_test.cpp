@@ -37,6 +37,9 @@ TEST(Modem, SetsAllFieldsOrNone) {
         {{"calls", {{{"number", 110}}}}},
         {{"calls", {7}}},
         {{"calls", json::object()}},
+        {{"pdp", 7}},
+        {{"pdp", {{{"cid", "1"}}}}},
+        {{"link_up", 1}},
     };
     for (const json &fields : bad) {
         EXPECT_THROW(modem.set(fields), std::invalid_argument) << fields;

@@ -155,6 +155,11 @@ TEST_F(Module, ContextsGoUpAndDown) {
     EXPECT_EQ(lines.read(), "\r\n+ZCONSTAT: 0,5\r\n");
     EXPECT_EQ(context(15, 0), "");
     EXPECT_EQ(lines.read(), "\r\n+ZCONSTAT: 0,15\r\n");
+    for (const auto &[state, line] :
+         {std::pair(1, "\r\n+ZCONSTAT: NW PDN ACT 3\r\n"), {0, "\r\n+ZCONSTAT: NW PDN DEACT 3\r\n"}}) {
+        sim::call("context", {{"cid", 3}, {"state", state}, {"words", true}});
+        EXPECT_EQ(lines.read(), line);
+    }
 }
 
 TEST_F(Module, ControlSurvivesBadRequestsAndKeepsOrder) {

@@ -75,12 +75,27 @@ reboot -f
 [ "$(ls -A /etc/config | xargs)" = "dhcp network wireless" ] && [ -z "$(ls -A /etc/stat)$(cat /etc/resolv.conf)" ]
 uci set network.lan.auto=1 && uci commit && [ "$(uci get network.lan.auto)" = 1 ]
 /etc/init.d/mwlan restart
+call() { tavrik-sim call "$@" >/dev/null; }
+call context '{"cid": 1, "state": 1}' && [ "$(curl -sS --interface ccinet0 http://192.0.2.1/)" = ccinet0 ]
+for folder in etc tmp; do
+    call fault "{\"service\": \"$folder\", \"full\": true}"
+    if head -c 5000 /dev/zero >/$folder/probe; then exit 3; fi
+    call clear
+    call fault "{\"service\": \"$folder\", \"read_only\": true}"
+    if touch /$folder/probe; then exit 4; fi
+    call clear
+done
+echo '$RESET,1' >/dev/ttyS3
+echo '$GNRMC' >/dev/ttyGS0
+[ -c /dev/ttyS3 ] && [ -p /sys/class/gpio/export ]
+echo saved >/mnt/userdata/saved
+script -qec true /dev/null # terminals of its own
 touch /etc/config/.temporary && mv /etc/config/.temporary /etc/stat/data_statistics
 grep -q ^root: /etc/passwd
 touch /tmp/in_sandbox "/run/$(basename "$work")"
 echo result >"$work/result"
 bash -c 'exec 3<>/dev/tcp/127.0.0.1/9' 2>&1 | grep -q refused
-for line in kmsg,kernel program,reboot program,mwlan; do
+for line in kmsg,kernel program,reboot program,mwlan 'ttyS3,RESET' 'ttyGS0,GNRMC'; do
     n=0
     until tavrik-sim call record "{\"kind\": \"${line%,*}\"}" | grep -q "${line#*,}"; do [ $((n += 1)) -lt 100 ]; sleep 0.05; done
 done

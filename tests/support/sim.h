@@ -94,8 +94,8 @@ inline std::vector<std::string> sent() {
 // One operation with the simulated modem.
 struct Exchange {
     const char *what;
-    // {"state": {…}, "fault": {…}, "ril": {…}}: fields of the modem, and what goes wrong with replies to commands and
-    // to requests
+    // {"state": {…}, "fault": {…}, "ril": {…}, "uci": {…}}: fields of the modem, what goes wrong with replies to
+    // commands and to requests, and packages with their texts
     nlohmann::json given;
     std::string (*run)();          // makes the call, and tells its result and outputs
     std::vector<std::string> wire; // what was sent, as sent() tells it
@@ -120,6 +120,9 @@ class AtTest : public testing::Test {
             SCOPED_TRACE(exchange.what);
             if (exchange.given.contains("state"))
                 call("state", exchange.given["state"]);
+            if (exchange.given.contains("uci"))
+                for (const auto &[package, text] : exchange.given["uci"].items())
+                    call("uci", {{"package", package}, {"text", text}});
             for (const auto &[key, service] : {std::pair("fault", "at"), std::pair("ril", "ril")})
                 if (exchange.given.contains(key))
                     fault(service, exchange.given[key].value("match", "*"), exchange.given[key]);

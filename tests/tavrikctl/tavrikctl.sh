@@ -46,15 +46,24 @@ outside)
   expect 2 '' pm lock
   expect 2 '' pm lock name -1
   expect 2 '' monitor --count 0
+  expect 2 '' gnss kind 3
+  expect 2 '' gnss track --count 0
   expect 2 '' call dial
   expect 2 '' call state 0
+  expect 2 '' data start 16
+  expect 2 '' data profile erase 1
+  expect 2 '' data profile set 1 --type ipv5
   expect 2 '' ecall start --msd 01
   expect 2 '' ecall start --manual --auto --msd 01
   expect 2 '' ecall config --t5 65536
   expect 2 '' ecall config --mode ET
   expect 2 '' sms send
   expect 2 '' sms send 1 x --timeout 60001
-  for verb in 'dm info' 'dm mode' 'uim number' 'nw signal' 'pm lock' 'call watch' 'ecall start' 'sms send' 'monitor' 'at' 'log test'; do
+  expect 2 '' upgrade http
+  expect 2 '' wifi ap list
+  expect 2 '' wifi ap show --band 6
+  expect 2 '' wifi ap set --auth wep --key 12345678
+  for verb in 'dm info' 'dm mode' 'uim number' 'nw signal' 'pm lock' 'call watch' 'ecall start' 'gnss track' 'data start' 'upgrade http' 'sms send' 'wifi ap' 'monitor' 'at' 'log test'; do
     # shellcheck disable=SC2086 # two words
     "$build/tavrikctl" $verb --help | grep -q '^Usage: tavrikctl' || { echo "$verb: no help" && failed=1; }
   done
@@ -67,10 +76,14 @@ outside)
   "$build/tavrik-sim" run --without at --without bus -- "$0" "$build" empty || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" module || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" radio || failed=1
+  "$build/tavrik-sim" run -- "$0" "$build" wifi || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" events || failed=1
   "$build/tavrik-sim" run --scenario "${0%/*}/../../sim/scenarios/drive.json" -- "$0" "$build" drive || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" calls || failed=1
+  "$build/tavrik-sim" run -- "$0" "$build" data || failed=1
   "$build/tavrik-sim" run -- "$0" "$build" sms || failed=1
+  "$build/tavrik-sim" run -- "$0" "$build" gnss || failed=1
+  "$build/tavrik-sim" run -- "$0" "$build" upgrade || failed=1
 
   # A call, and a message whose second part came first.
   "$build/tavrik-sim" run --scenario "${0%/*}/../../sim/scenarios/conversation.json" -- \
@@ -103,9 +116,9 @@ empty)
   done
   exit $failed
   ;;
-radio | events | drive | calls | sms)
+radio | wifi | events | drive | calls | data | sms | gnss | upgrade)
   # shellcheck source=/dev/null
-  [ "$place" = radio ] || . "${0%/*}/monitor.sh"
+  case $place in radio | wifi | gnss | upgrade) ;; *) . "${0%/*}/monitor.sh" ;; esac
   # shellcheck source=/dev/null
   . "${0%/*}/$place.sh"
   exit $failed

@@ -92,12 +92,15 @@ Family call_family();
 Family data_family();
 Family dm_family();
 Family ecall_family();
+Family gnss_family();
 Family log_family();
 Family monitor_family();
 Family nw_family();
 Family pm_family();
 Family sms_family();
 Family uim_family();
+Family wifi_family();
+Family upgrade_family();
 
 struct Table {
     std::vector<Parameter> options; // of every verb

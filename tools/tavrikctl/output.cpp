@@ -51,8 +51,8 @@ void Output::event(const char *name) {
     one_line_ = true;
 }
 
-void Output::redraw() {
-    redraw_ = !json_ && isatty(fileno(file_));
+bool Output::redraw() {
+    return redraw_ = !json_ && isatty(fileno(file_));
 }
 
 bool Output::end() {

@@ -23,8 +23,8 @@ class Output {
 
     // Begins a record that is one line of text, "name: label value, label value".
     void event(const char *name);
-    // From now on each record has the screen of a terminal to itself.
-    void redraw();
+    // From now on each record has the screen of a terminal to itself. False where there is none.
+    bool redraw();
 
     // Ends a record: it is written in one piece. False when it could not be written.
     bool end();
