@@ -117,6 +117,13 @@ void settle() {
     EXPECT_TRUE(until([&] { return !ioctl(g_pipe[0], FIONREAD, &waiting) && !waiting; }));
 }
 
+// The same, and what was last in it has been done: the thread has come back for more.
+void obeyed() {
+    settle();
+    EXPECT_EQ(write(g_pipe[1], "?", 1), 1);
+    settle();
+}
+
 size_t entries(const char *folder) {
     size_t count = 0;
     for (const auto &entry : std::filesystem::directory_iterator(folder)) {
@@ -191,7 +198,7 @@ class Gnss : public testing::Test {
     void start() {
         init(TAVRIK_GNSS_SERIAL);
         EXPECT_EQ(log_of([] { EXPECT_EQ(Tavrik_Gnss_Start(), 0); }), kPut + std::string("Start: write ready!\n"));
-        settle();
+        obeyed();
     }
 };
 
@@ -574,14 +581,13 @@ TEST_F(Gnss, Port) {
     EXPECT_EQ(log_of([] { EXPECT_EQ(Tavrik_Gnss_Start(), 0); }), kStart + std::string("Can't open COM\n"));
     EXPECT_EQ(g_upgrade_ready, 0);
     EXPECT_EQ(log_of([] {
-                  for (const char *word : {"start", "?"}) { // behind the second the first was obeyed
-                      EXPECT_GT(write(g_pipe[1], word, strlen(word)), 0);
-                      settle();
-                  }
+                  EXPECT_EQ(write(g_pipe[1], "start", 5), 5);
+                  obeyed();
               }),
               "begin_reading: Can't open COM\n");
     for (const char *lost : {"close", "stop"}) {
         sim::call("clear");
+        obeyed(); // lest a stop close what Start opens
         log_of([] { EXPECT_EQ(Tavrik_Gnss_Start(), 0); });
         receive(rmc(1) + "\r\n$GNRMC,12"); // and no more
         EXPECT_EQ(g_events.take(1), Texts{rmc(1)});
@@ -845,6 +851,45 @@ TEST_F(Gnss, ManyRounds) {
         EXPECT_GT(records, 0u);
         EXPECT_TRUE(until([] { return !reads(); }));
     }
+}
+
+// Everything at once, from several threads and from the callback.
+TEST_F(Gnss, ManyThreads) {
+    sim::call("fault", {{"service", "gnss"}, {"flood", rmc(1) + "\r\n" + rmc(2) + "\r\n"}});
+    void (*const calls[])() = {[] { Tavrik_Gnss_Init(on_data, kLine); },
+                               [] { Tavrik_Gnss_Deinit(); },
+                               [] { Tavrik_Gnss_Start(); },
+                               [] { Tavrik_Gnss_Stop(); },
+                               [] { Tavrik_Gnss_HotStart(); },
+                               [] { Tavrik_Gnss_Data_to_Nmea_Port(1); },
+                               [] { Tavrik_Gnss_CallBack_Switch(TAVRIK_GNSS_CALLBACK_BOTH); },
+                               [] {
+                                   Tavrik_GnssData last;
+                                   Tavrik_Gnss_GetGnssLocationInfo(&last);
+                               }};
+    const size_t threads = entries("/proc/self/task");
+    Tavrik_Gnss_Chip_Select(TAVRIK_GNSS_SERIAL);
+    const auto some = [&](unsigned seed, int count) {
+        std::mt19937 random(seed);
+        for (int i = 0; i < count; ++i)
+            calls[random() % std::size(calls)]();
+    };
+    log_of([&] {
+        std::atomic<unsigned> next{100};
+        inside([&] {
+            if (++next % 8 == 0)
+                some(next, 1);
+        });
+        std::vector<std::thread> callers;
+        for (unsigned seed = 1; seed <= 3; ++seed)
+            callers.emplace_back(some, seed, 150);
+        for (std::thread &caller : callers)
+            caller.join();
+        inside(nullptr);
+        Tavrik_Gnss_Deinit();
+        EXPECT_TRUE(until([&] { return entries("/proc/self/task") <= threads; }));
+        EXPECT_TRUE(until([] { return !reads(); }));
+    });
 }
 
 // Callbacks get whole epochs, not more often than the rate and one at the beginning. The last test, because nothing
