@@ -10,22 +10,23 @@ namespace {
 
 constexpr int kSeconds = 60;
 
-std::string sentence(const char *format, int value) {
-    char body[100];
-    snprintf(body, sizeof body, format, value);
+std::string sentence(std::string body, int second) {
+    char text[6];
+    snprintf(text, sizeof text, "%02d", second % 60);
+    if (const size_t at = body.find("SS"); at != body.npos)
+        body.replace(at, 2, text);
     unsigned sum = 0;
-    for (const char *at = body; *at; at++)
-        sum ^= uint8_t(*at);
-    char whole[120];
-    snprintf(whole, sizeof whole, "$%s*%02X\r\n", body, sum);
-    return whole;
+    for (char byte : body)
+        sum ^= uint8_t(byte);
+    snprintf(text, sizeof text, "*%02X", sum & 0xFF);
+    return "$" + body + text + "\r\n";
 }
 
-// What a receiver of four constellations tells in each second; the value is a second, or below a minute of arc.
+// What a receiver of four constellations tells in each second, SS.
 constexpr const char *kEpoch[] = {
-    "GNRMC,1215%02d.000,A,4807.0382145,N,01131.0001728,E,27.431,84.40,211126,,,A,V",
+    "GNRMC,1215SS.000,A,4807.0382145,N,01131.0001728,E,27.431,84.40,211126,,,A,V",
     "GNVTG,84.40,T,,M,27.431,N,50.802,K,A",
-    "GNGGA,1215%02d.000,4807.0382145,N,01131.0001728,E,1,23,0.62,545.431,M,46.912,M,,",
+    "GNGGA,1215SS.000,4807.0382145,N,01131.0001728,E,1,23,0.62,545.431,M,46.912,M,,",
     "GNGSA,A,3,03,06,09,11,17,19,22,28,,,,,1.12,0.62,0.93,1",
     "GNGSA,A,3,67,68,69,78,79,,,,,,,,1.12,0.62,0.93,2",
     "GNGSA,A,3,02,07,13,27,30,36,,,,,,,1.12,0.62,0.93,3",
@@ -45,8 +46,8 @@ const std::string &drive() {
     static const std::string text = [] {
         std::string all;
         for (int second = 0; second < kSeconds; second++)
-            for (const char *format : kEpoch)
-                all += sentence(format, second);
+            for (const char *body : kEpoch)
+                all += sentence(body, second);
         return all;
     }();
     return text;
