@@ -12,13 +12,14 @@ step() { # TITLE PROGRAM [ARGUMENT]...
   "$examples/$program" "$@"
 }
 
-# The same, and once the program listens to the modem, something happens.
+# The same, and when the record tells what $until says, something happens.
+until='{"kind": "connect", "text": "atind"}' # the program listens to the modem
 step_with() { # VERB JSON TITLE PROGRAM [ARGUMENT]...
   verb=$1 what=$2
   shift 2
   tavrik-sim call record '{"clear": true}' >/dev/null
   {
-    tavrik-sim call wait '{"kind": "connect", "text": "atind"}'
+    tavrik-sim call wait "$until"
     tavrik-sim call "$verb" "$what"
   } >/dev/null &
   step "$@"
@@ -32,6 +33,8 @@ step_with call '{"number": "+4930901820"}' 'Voice calls' voice_call '1#'
 step_with message '{"from": "Büro", "reverse": true, "text": "Schade, Sie waren nicht da. Die Lieferung kommt später, um zehn nach acht, und kostet 12 €. Bitte lassen Sie das Tor offen 😀"}' \
   'Messages' messages
 step 'eCall' ecall +4930123
+until='{"kind": "at", "text": "AT+ZGACT=1,1"}'
+step_with context '{"cid": 1, "state": 0}' 'Packet data' packet_data internet 1
 step 'WiFi' access_point 'Tavrik demo' 'open sesame' 11
 step 'Positions' gnss 3
 step 'Firmware upgrade' upgrade "$0" # any file will do: nothing is flashed
