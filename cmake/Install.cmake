@@ -1,10 +1,10 @@
 # What is installed where, and the Debian package.
 include(CMakePackageConfigHelpers)
 
-# No distribution packages libubox: where it is the one of .deps, the installation carries a copy in a folder of its own,
-# which only what is installed beside it searches.
+# No distribution packages libubox and libuci: where one is that of .deps, the installation carries a copy in a folder
+# of its own, which only what is installed beside it searches.
 set(private_libraries "")
-foreach(library ${Ubox_LIBRARY} ${Ubox_JSON_LIBRARY})
+foreach(library ${Ubox_LIBRARY} ${Ubox_JSON_LIBRARY} ${Uci_LIBRARY})
   string(FIND "${library}" "${PROJECT_SOURCE_DIR}/.deps/" at)
   if(at EQUAL 0)
     list(APPEND private_libraries ${library})

@@ -13,20 +13,20 @@
 
 enum { kAcknowledged = 4 }; /* as this modem counts its steps */
 
-static sem_t over;
+static sem_t step; /* the data have arrived, or the call has ended */
 static int acknowledged;
 
 /* Runs on the library's indication thread. */
 static void on_ecall(int32_t value, const char *const *text) {
     if (value < 0) {
         printf("Event: ended, cause %s\n", *text ? *text : "unknown");
-        sem_post(&over);
+        sem_post(&step);
         return;
     }
     printf("Event: %s\n", *text ? *text : "");
     if (value == kAcknowledged) {
         acknowledged = 1;
-        sem_post(&over);
+        sem_post(&step);
     }
 }
 
@@ -42,7 +42,7 @@ int main(int argc, char **argv) {
     request.call_type = TAVRIK_ECALL_TEST;
     snprintf(request.test_number, sizeof request.test_number, "%s", argc > 1 ? argv[1] : "+4930123");
 
-    sem_init(&over, 0, 0);
+    sem_init(&step, 0, 0);
     if (Tavrik_Ecall_Init(on_ecall) != 0) {
         fprintf(stderr, "The AT server or the bus cannot be reached.\n");
         return 1;
@@ -51,10 +51,11 @@ int main(int argc, char **argv) {
     until.tv_sec += 60;
     if (Tavrik_Ecall_Start(&request) != 0)
         fprintf(stderr, "The modem refuses the call.\n");
-    else if (sem_timedwait(&over, &until) != 0)
+    else if (sem_timedwait(&step, &until) != 0)
         fprintf(stderr, "The centre does not answer.\n");
-    Tavrik_Ecall_End();
-    Tavrik_Ecall_Deinit(); /* from here on the callback does not run */
+    if (Tavrik_Ecall_End() == 0 && acknowledged)
+        sem_timedwait(&step, &until); /* for the call's end */
+    Tavrik_Ecall_Deinit();            /* from here on the callback does not run */
     Tavrik_AT_Deinit();
     return acknowledged ? 0 : 1;
 }

@@ -24,7 +24,7 @@ const std::vector<Place> &places() {
         {"/var/run/ubus.sock", Make::link, "ubus/ubus.sock"},
         {"/etc/config", Make::folder},
         {"/etc/stat", Make::folder},
-        {"/etc/resolv.conf", Make::file}, // the module's name servers are not the host's
+        {"/etc/resolv.conf", Make::file},  // the module's name servers are not the host's
         {"/etc/ssl/certs", Make::mounted}, // of authorities; the host's would be of no use here
         {"/tmp/.uci", Make::folder},
         // The kernel looks for pseudo-terminals beside their master, so a bind of that alone would be of no use.
@@ -47,7 +47,8 @@ const std::vector<Place> &places() {
         {wifi_service_path, Make::program,
          report + "[ ! -e " + wifi_service_fate + " ] || . " + wifi_service_fate + "\n"},
         {std::filesystem::path(sandbox_programs) / "reboot", Make::program, report},
-        {std::filesystem::path(sandbox_programs) / "uci", Make::link, uci_program()},
+        {std::filesystem::path(sandbox_programs) / "uci", uci_program().empty() ? Make::absent : Make::link,
+         uci_program()},
         // A FIFO cannot be read like the kernel's file.
         {std::filesystem::path(sandbox_programs) / "cat", Make::program,
          "case \"$*\" in\n"

@@ -63,7 +63,7 @@ std::string find_bus_daemon() {
 }
 
 std::string uci_program() {
-    return TAVRIK_UCI_PROGRAM;
+    return access(TAVRIK_UCI_PROGRAM, X_OK) == 0 ? TAVRIK_UCI_PROGRAM : "";
 }
 
 std::string search_path() {

@@ -11,7 +11,7 @@ std::string find_bus_daemon();
 // This program.
 std::filesystem::path own_program();
 
-// The `uci` of libuci; empty where the build found none.
+// The `uci` of libuci; empty where there is none.
 std::string uci_program();
 
 // PATH inside a sandbox: the stand-ins and `uci`, this program's folder (with tavrikctl), the caller's PATH, then the
