@@ -49,6 +49,13 @@ class UciStore {
     bool allocated() const { return context_; }
     // A package below /etc/config by name, or a file by its whole path. Once.
     bool load(const char *package);
+    // Both, and the line that tells which of them failed.
+    bool open(const char *package, const char *not_allocated, const char *not_loaded) {
+        const char *const failed = !allocated() ? not_allocated : load(package) ? nullptr : not_loaded;
+        if (failed)
+            log(Level::error, site_, "%s", failed);
+        return !failed;
+    }
 
     // Sections in their order; pointers and texts are valid until the next commit.
     uci_section *next(uci_section *after = nullptr) const;

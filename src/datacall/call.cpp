@@ -44,7 +44,7 @@ bool file_is_there(const char *path, mode_t mode, Site site = Site::here()) {
 // Those of every context that is up. 0 or -1.
 int zero_all_counters(Site site = Site::here()) {
     UciStore store(site);
-    if (!open_statistics(store, site))
+    if (!open_statistics(store))
         return -1;
     bool any = false;
     for (int i = 0; i < TAVRIK_IDX_CID_COUNT; ++i)
@@ -58,14 +58,8 @@ int zero_all_counters(Site site = Site::here()) {
 // A stored profile; what it does not hold is "" and 0. Logs for the caller. -1 without the profile.
 int load_profile(unsigned index, Tavrik_DataProfile &profile, int *error, Site site = Site::here()) {
     UciStore store(site);
-    if (!store.allocated()) {
-        log(Level::error, site, "uci_alloc_context faild");
+    if (!store.open("data_profile", "uci_alloc_context faild", "uci_load failed"))
         return -1;
-    }
-    if (!store.load("data_profile")) {
-        log(Level::error, site, "uci_load failed");
-        return -1;
-    }
     char name[12];
     snprintf(name, sizeof name, "%u", index);
     uci_section *const section = store.section(name);

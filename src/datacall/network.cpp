@@ -97,6 +97,8 @@ void set_wan(UciStore &store, const char *wan, const Tavrik_DataCallInfo &info, 
         set_link_local(store, wan, info, site);
 }
 
+constexpr char kNoContext[] = " fail to get uci ctx";
+
 // Takes options out of the sections that there are. 0 or -1.
 struct Written {
     const char *prefix, *option;
@@ -105,14 +107,8 @@ template <size_t count>
 int remove_options(const char *package, int cid, const Written (&options)[count], const char *unloadable,
                    Site site = Site::here()) {
     UciStore store(site);
-    if (!store.allocated()) {
-        log(Level::error, site, " fail to get uci ctx");
+    if (!store.open(package, kNoContext, unloadable))
         return -1;
-    }
-    if (!store.load(package)) {
-        log(Level::error, site, "%s", unloadable);
-        return -1;
-    }
     for (const Written &row : options)
         store.remove(ContextName(row.prefix, cid).text, row.option);
     return store.commit();
@@ -134,14 +130,8 @@ void data_config_network_info(Tavrik_DataCallInfo info, int dedicate) {
     if (!can_configure(info.cid))
         return;
     UciStore store;
-    if (!store.allocated()) {
-        TAVRIK_LOG_ERROR(" fail to get uci ctx");
+    if (!store.open("network", kNoContext, " load network file failed"))
         return;
-    }
-    if (!store.load("network")) {
-        TAVRIK_LOG_ERROR(" load network file failed");
-        return;
-    }
     const ContextName wan("wan", info.cid), wan6("wan6", info.cid);
     if (is_there(store, wan))
         set_wan(store, wan.text, info, dedicate);
@@ -155,14 +145,8 @@ void data_config_dhcp_info(Tavrik_DataCallInfo info, int) {
     if (!can_configure(info.cid))
         return;
     UciStore store;
-    if (!store.allocated()) {
-        TAVRIK_LOG_ERROR(" fail to get uci ctx");
+    if (!store.open("dhcp", kNoContext, " load dhcp file failed"))
         return;
-    }
-    if (!store.load("dhcp")) {
-        TAVRIK_LOG_ERROR(" load dhcp file failed");
-        return;
-    }
     TAVRIK_LOG_INFO(" start to configure dhcp to master 1 ra relay ndp realy");
     const ContextName wan("wan", info.cid);
     if (store.section(wan.text)) {

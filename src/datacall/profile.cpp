@@ -80,14 +80,8 @@ int Tavrik_DataCall_SetProfile(const Tavrik_DataProfile *profile) {
         }
 
     tavrik::UciStore store;
-    if (!store.allocated()) {
-        TAVRIK_LOG_ERROR("uci_alloc_context faild");
+    if (!store.open("data_profile", "uci_alloc_context faild", "uci_load failed."))
         return -1;
-    }
-    if (!store.load("data_profile")) {
-        TAVRIK_LOG_ERROR("uci_load failed.");
-        return -1;
-    }
     uci_section *section = store.next();
     while (section && atoi(store.name(section)) != profile->profile_idx)
         section = store.next(section);
@@ -106,14 +100,8 @@ int Tavrik_DataCall_SetProfile(const Tavrik_DataProfile *profile) {
 
 int Tavrik_DataCall_DeleteProfile(int profile_idx) {
     tavrik::UciStore store;
-    if (!store.allocated()) {
-        TAVRIK_LOG_ERROR("uci_alloc_context faild");
+    if (!store.open("data_profile", "uci_alloc_context faild", "uci_load failed."))
         return -1;
-    }
-    if (!store.load("data_profile")) {
-        TAVRIK_LOG_ERROR("uci_load failed.");
-        return -1;
-    }
     const SectionName name{unsigned(profile_idx)};
     if (!store.section(name.text))
         return 0;
@@ -150,14 +138,8 @@ int Tavrik_DataCall_GetProfile(int profile_idx, Tavrik_DataProfile *profile) {
         return -1;
     }
     tavrik::UciStore store;
-    if (!store.allocated()) {
-        TAVRIK_LOG_ERROR("uci_alloc_context faild");
+    if (!store.open("data_profile", "uci_alloc_context faild", "uci_load failed."))
         return -1;
-    }
-    if (!store.load("data_profile")) {
-        TAVRIK_LOG_ERROR("uci_load failed.");
-        return -1;
-    }
     const SectionName name{unsigned(profile_idx)};
     if (uci_section *const section = store.section(name.text)) {
         TAVRIK_LOG_DEBUG("section name:%s", name.text);

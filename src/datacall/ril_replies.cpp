@@ -67,7 +67,7 @@ void configure(const RilDataCall &call, int profile_idx, Site site = Site::here(
 // Counters for a context that has none.
 void add_counters(int cid, Site site = Site::here()) {
     UciStore store(site);
-    if (!open_statistics(store, site) || store.section(ContextName("ccinet", cid).text))
+    if (!open_statistics(store) || store.section(ContextName("ccinet", cid).text))
         return;
     zero_counters(store, cid);
     store.commit();

@@ -6,14 +6,8 @@
 
 namespace tavrik {
 
-bool open_statistics(UciStore &store, Site site) {
-    if (!store.allocated())
-        log(Level::error, site, " uci_ctx init faild!");
-    else if (!store.load(kStatistics))
-        log(Level::error, site, " open file error!");
-    else
-        return true;
-    return false;
+bool open_statistics(UciStore &store) {
+    return store.open(kStatistics, " uci_ctx init faild!", " open file error!");
 }
 
 void zero_counters(UciStore &store, int cid) {
