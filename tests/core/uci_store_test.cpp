@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr char kFile[] = "/etc/config/data_profile", kStaged[] = "/tmp/.uci/data_profile";
+constexpr char kFile[] = "/etc/config/data_profile";
 
 std::string section(const char *name, const char *apn) {
     return "\nconfig profile_idx '" + std::string(name) + "'\n" +
@@ -80,6 +80,8 @@ class UciStore : public testing::Test {
 #endif
 
 #ifndef NO_TRACER
+constexpr char kStaged[] = "/tmp/.uci/data_profile";
+
 TEST_F(UciStore, SurvivesTheEndOfItsProcess) {
     if (!*STRACE)
         GTEST_SKIP() << "strace is missing (scripts/setup test)";
