@@ -380,16 +380,17 @@ TEST_F(Profile, ElementsAreSetInMemory) {
     EXPECT_EQ(shell("uci show data_profile.3.apn; uci -q get data_profile.3.password; uci show data_profile.4").output,
               "data_profile.3.apn='new'\ndata_profile.4=other\n");
 
+    uci_context *const own[] = {uci_alloc_context(), uci_alloc_context()}; // in which libuci allows one thread at a time
     std::vector<std::thread> threads;
-    for (int i = 0; i < 2; i++)
-        threads.emplace_back([&] {
-            uci_context *const own = uci_alloc_context();
+    for (uci_context *const one : own)
+        threads.emplace_back([&element, one] {
             for (int round = 0; round < 500; round++)
-                EXPECT_EQ(element(own, "3", "apn", std::to_string(round).c_str()), 0);
-            uci_free_context(own);
+                EXPECT_EQ(element(one, "3", "apn", std::to_string(round).c_str()), 0);
         });
     for (std::thread &thread : threads)
         thread.join();
+    for (uci_context *const one : own)
+        uci_free_context(one);
 }
 
 std::string contexts() {
