@@ -191,7 +191,7 @@ bool late_poll(int operations) {
 
 std::vector<bench::Row> bench::bus_rows() {
     prepare();
-    return {{"Tavrik_DM_GetPhoneMode", "ns", 100, get_mode, bare_get_mode},
+    return {{"Tavrik_DM_GetPhoneMode", "ns", 400, get_mode, bare_get_mode},
             {"host bus request", "ns", 200, bus_request, relay_request},
             {"limits", "ns", 3, late_limit, late_poll, kLimitMs * 1e6}};
 }
