@@ -180,16 +180,21 @@ int query_http_file_is_exist(const char *url) {
     if (!check)
         return -1;
     memcpy(check->url, url, size);
-    if (start_thread("tavrikcheck", run_check, check)) {
+    pthread_t thread;
+    if (start_thread("tavrikcheck", run_check, check, &thread)) {
         free(check);
         return -1;
     }
     CURLcode error = CURLE_OPERATION_TIMEDOUT;
     long status = 0;
     if (ended(*check, deadline)) {
+        // What libcurl's libraries clean up at the end of a thread must be through before the process may end.
+        pthread_join(thread, nullptr);
         error = check->error;
         status = check->status;
         free(check);
+    } else {
+        pthread_detach(thread);
     }
     if (error)
         TAVRIK_LOG_DEBUG("no answer: %s", g_curl.easy_strerror(error));
