@@ -705,7 +705,7 @@ TAVRIK_API unsigned long start_indication_thread(void);
  * What the indication thread runs. It is of no use to anybody else: on any other thread it returns at once.
  *
  * @param argument the library's own.
- * @return NULL.
+ * @return NULL. Blocks: on its own thread until that is told to end, elsewhere never. In a callback: yes.
  */
 TAVRIK_API void *receive_ind_data_from_at_channel(void *argument);
 

@@ -380,7 +380,8 @@ TEST_F(Profile, ElementsAreSetInMemory) {
     EXPECT_EQ(shell("uci show data_profile.3.apn; uci -q get data_profile.3.password; uci show data_profile.4").output,
               "data_profile.3.apn='new'\ndata_profile.4=other\n");
 
-    uci_context *const own[] = {uci_alloc_context(), uci_alloc_context()}; // in which libuci allows one thread at a time
+    uci_context *const own[] = {uci_alloc_context(),
+                                uci_alloc_context()}; // in which libuci allows one thread at a time
     std::vector<std::thread> threads;
     for (uci_context *const one : own)
         threads.emplace_back([&element, one] {

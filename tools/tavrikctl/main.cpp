@@ -15,8 +15,8 @@ Table command_table() {
     return {{switch_option("--json", "Print JSON instead of text, an object a line"),
              number_option("--log", "MODE", "Where the library logs to; mode 0 goes to standard error here", 0, 3, "1"),
              switch_option("--version", "Print the version and exit"), switch_option("--help", "Print help and exit")},
-            {dm_family(), uim_family(), nw_family(), call_family(), data_family(), ecall_family(), sms_family(), gnss_family(),
-             pm_family(), upgrade_family(), wifi_family(), monitor_family(), at_family(), log_family()}};
+            {dm_family(), uim_family(), nw_family(), call_family(), data_family(), ecall_family(), sms_family(),
+             gnss_family(), pm_family(), upgrade_family(), wifi_family(), monitor_family(), at_family(), log_family()}};
 }
 
 CLI::Option *add(CLI::App &app, const Parameter &parameter) {
