@@ -2502,7 +2502,7 @@ enum { TAVRIK_WIFI_2G = 0, TAVRIK_WIFI_5G = 1 };
  *         nothing is changed then. -1, too, with the option written, when the restart cannot be started, has another
  *         status, or is ended by a signal; a program that ignores SIGCHLD learns of the first alone.
  *
- * Blocks: 5 s for each lock of uci that another program holds, and then until the service has restarted, however long
+ * Blocks: 5 s and 5 s while others hold the store of uci, and then until the service has restarted, however long
  * that takes. In a callback: yes.
  */
 TAVRIK_API int Tavrik_Set_SSID(const char *ssid, int second, int band);
@@ -2533,7 +2533,7 @@ TAVRIK_API int Tavrik_Set_Bcast(int hidden, int second, int band);
  * @return 0; -1, with the output unchanged, when it is NULL, for a band that there is not, when the package cannot be
  *         read, and when the option is missing, a list, or none of the values that the operation knows.
  *
- * Blocks: 5 s for each lock of uci that another program holds. In a callback: yes.
+ * Blocks: 5 s while others hold the store of uci. In a callback: yes.
  */
 TAVRIK_API int Tavrik_Get_Bcast(int *hidden, int second, int band);
 
