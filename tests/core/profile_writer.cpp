@@ -39,11 +39,13 @@ int main(int argc, char **argv) {
         const int result = store(index, argv[2]);
         return open_descriptors() != descriptors ? 2 : result ? 1 : 0;
     }
-    int failed = 0, lost = 0;
+    int failed = 0, unread = 0, lost = 0;
     std::string last;
     for (int i = 1; i <= count + 1; i++) {
         Tavrik_DataProfile got = {};
-        if (!last.empty() && (Tavrik_DataCall_GetProfile(index, &got) || last != got.apn))
+        if (Tavrik_DataCall_GetProfile(index, &got)) // told, too: others had the store for 5 s
+            unread++;
+        else if (!last.empty() && last != got.apn)
             lost++;
         if (i <= count) {
             const std::string apn = std::to_string(i);
@@ -53,6 +55,6 @@ int main(int argc, char **argv) {
                 last = apn;
         }
     }
-    printf("%d of %d failed, %d lost\n", failed, count, lost);
+    printf("%d of %d failed, %d not read, %d lost\n", failed, count, unread, lost);
     return lost ? 3 : open_descriptors() != descriptors ? 2 : 0;
 }

@@ -116,7 +116,7 @@ TEST_F(Async, Outcomes) {
          "send_async_message_core: Failed to ubus invoke: Permission denied\n"},
         {"never",
          {{"drop", true}},
-         60,
+         500,
          "timed out",
          "send_async_message_core: Failed to ubus invoke: Request timed out\n"},
     };
