@@ -771,6 +771,7 @@ TEST_F(Gnss, DeinitLeavesAStuckCallbackBehind) {
 
 // A child has no NMEA thread, may have one of its own, and leaves the parent's alone.
 TEST_F(Gnss, Fork) {
+    const bool threads_in_child = !getenv("TAVRIK_EMULATOR"); // an emulator has none there
     start();
     for (const bool in_callback : {false, true}) {
         std::promise<int> ended;
@@ -778,7 +779,8 @@ TEST_F(Gnss, Fork) {
             const pid_t pid = fork();
             if (!pid) {
                 bool good = !Tavrik_Gnss_Deinit() && g_pipe[0] == -1 && !g_upgrade_ready;
-                good = good && !Tavrik_Gnss_Init(on_data, kLine) && !Tavrik_Gnss_Deinit();
+                if (threads_in_child)
+                    good = good && !Tavrik_Gnss_Init(on_data, kLine) && !Tavrik_Gnss_Deinit();
                 _exit(good ? 0 : 1);
             }
             int status = -1;
