@@ -10,14 +10,11 @@
 
 namespace {
 
+using fuzz::check;
+
 using Texts = std::vector<std::string>;
 
 Texts g_events;
-
-void check(bool good) {
-    if (!good)
-        abort();
-}
 
 // Every byte that a callback may read.
 template <class Record>

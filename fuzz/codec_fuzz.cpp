@@ -10,14 +10,11 @@
 
 namespace {
 
+using fuzz::check;
+
 template <typename Item>
 std::unique_ptr<Item[]> room(size_t count) {
     return std::make_unique<Item[]>(count);
-}
-
-void check(bool good) {
-    if (!good)
-        abort();
 }
 
 } // namespace

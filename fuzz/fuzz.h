@@ -11,6 +11,11 @@ namespace fuzz {
 
 inline const bool g_quiet = !setenv("TAVRIK_LOG_OPTION", "0", 1);
 
+inline void check(bool good) {
+    if (!good)
+        abort();
+}
+
 // Takes pieces off the input; what is missing is zero.
 class Input {
   public:

@@ -9,12 +9,9 @@
 
 namespace {
 
-constexpr char kPause = 0x16; // in the input: four seconds pass, in which the receiver is silent
+using fuzz::check;
 
-void check(bool good) {
-    if (!good)
-        abort();
-}
+constexpr char kPause = 0x16; // in the input: four seconds pass, in which the receiver is silent
 
 void check(const Tavrik_GnssData &record) {
     const auto unknown = [&](uint32_t bit) { return !(record.known & bit); };

@@ -9,10 +9,7 @@
 
 namespace {
 
-void check(bool good) {
-    if (!good)
-        abort();
-}
+using fuzz::check;
 
 void check(const SmsMessage &message) {
     check(message.encoding >= 0 && message.encoding <= 2 && !message.result);

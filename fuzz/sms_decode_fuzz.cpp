@@ -9,10 +9,7 @@
 
 namespace {
 
-void check(bool good) {
-    if (!good)
-        abort();
-}
+using fuzz::check;
 
 bool is_utf8(const char *text, int32_t length) {
     for (int32_t i = 0; i < length; ++i) {

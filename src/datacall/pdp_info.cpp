@@ -1,14 +1,10 @@
-// Addresses: from texts of the modem into records and into their usual form, and from the kernel's list.
+// Addresses from a modem's texts into records.
 #include "core/log.h"
-#include "core/sync.h"
-#include "datacall/if_inet6.h"
 #include "tavrik_sdk.h"
 
 #include <arpa/inet.h>
-#include <ctype.h>
 #include <stddef.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
 using namespace tavrik;
@@ -74,74 +70,5 @@ int data_configure_pdp_info(Tavrik_DataCallInfo *info, const Tavrik_PdpText *tex
             row.places.by_family[1][0] = nullptr;
         row.places.fill(row.text);
     }
-    return 0;
-}
-
-bool InterfaceAddress::parse(const char *line) {
-    char groups[8][5];
-    unsigned index, flags;
-    if (sscanf(line, "%4s%4s%4s%4s%4s%4s%4s%4s %08x %02x %02x %02x %19s", groups[0], groups[1], groups[2], groups[3],
-               groups[4], groups[5], groups[6], groups[7], &index, &prefix, &scope, &flags, ifname) != 13)
-        return false;
-    snprintf(text, sizeof text, "%s:%s:%s:%s:%s:%s:%s:%s", groups[0], groups[1], groups[2], groups[3], groups[4],
-             groups[5], groups[6], groups[7]);
-    return true;
-}
-
-int data_get_interface_addr6(const char *ifname, char *out, int size) {
-    if (!ifname || !out || size <= 0) {
-        TAVRIK_LOG_ERROR("Parameter input error");
-        return -1;
-    }
-    FILE *const list = fopen("/proc/net/if_inet6", "re");
-    if (!list) {
-        TAVRIK_LOG_ERROR(" open if_inet6 faild");
-        return -1;
-    }
-    InterfaceAddress address;
-    char line[128];
-    bool found = false;
-    while (!found && fgets(line, sizeof line, list))
-        found = address.parse(line) && address.global() && !strcmp(address.ifname, ifname);
-    fclose(list);
-    if (!found)
-        return -1;
-    snprintf(out, size_t(size), "%s", address.text);
-    TAVRIK_LOG_INFO("%s Global inet6 addr: %s/%d", ifname, address.text, int(address.prefix));
-    return 0;
-}
-
-int data_charCountInStr(const char *text, char character) {
-    if (!text) {
-        TAVRIK_LOG_ERROR("Parameter input error");
-        return -1;
-    }
-    int count = 0;
-    for (; *text; ++text)
-        count += *text == character;
-    return count;
-}
-
-int data_convertDotNotation2IpString(const char *dotted, char *out) {
-    if (!dotted || !out) {
-        TAVRIK_LOG_ERROR("Parameter input error");
-        return -1;
-    }
-    constexpr int kMost = 32;
-    const int count = data_charCountInStr(dotted, '.') + 1;
-    if (count != 4 && count != 8 && count != 16 && count != kMost)
-        return -1;
-    uint8_t bytes[kMost];
-    const char *next = dotted;
-    for (int i = 0; i < count; ++i) {
-        int number = 0, digits = 0;
-        for (; isdigit(static_cast<unsigned char>(*next)) && digits < 3; ++next, ++digits)
-            number = number * 10 + (*next - '0');
-        if (!digits || number > 255 || *next != (i == count - 1 ? '\0' : '.'))
-            return -1;
-        bytes[i] = uint8_t(number);
-        ++next;
-    }
-    inet_ntop(count <= 8 ? AF_INET : AF_INET6, bytes, out, TAVRIK_IP_TEXT_SIZE);
     return 0;
 }
