@@ -153,7 +153,7 @@ std::string Receiver::say(int64_t now) {
         const int64_t moment = last_turn_ * (1000 / settings_.hz);
         return drive_sentences(settings_.utc_ms + moment, moment, now >= fix_ms_, settings_.messages);
     }
-    const std::string said = settings_.epochs[next_epoch_++];
+    std::string said = settings_.epochs[next_epoch_++];
     if (settings_.loop && next_epoch_ == settings_.epochs.size())
         next_epoch_ = 0;
     return said;

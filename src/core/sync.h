@@ -47,6 +47,7 @@ inline void sleep_ms(int ms) {
 class Deadline {
   public:
     static Deadline in(int64_t ms) { return Deadline(monotonic_ms() + ms); }
+    static Deadline at(int64_t ms) { return Deadline(ms); }
     static Deadline never() { return Deadline(INT64_MAX); }
     static Deadline sooner(Deadline a, Deadline b) { return a.at_ < b.at_ ? a : b; }
 
@@ -65,6 +66,30 @@ class Deadline {
   private:
     explicit Deadline(int64_t at) : at_(at) {}
     int64_t at_;
+};
+
+// May be static. `make()` comes before its first use, and again in a forked child, where nobody waits.
+class Condition {
+  public:
+    void make() {
+        pthread_condattr_t monotonic;
+        pthread_condattr_init(&monotonic);
+        pthread_condattr_setclock(&monotonic, CLOCK_MONOTONIC);
+        pthread_cond_init(&condition_, &monotonic);
+        pthread_condattr_destroy(&monotonic);
+    }
+    // False when the deadline passed. The caller has the mutex, and looks itself whether what it waits for is there.
+    bool wait(Mutex &mutex, Deadline deadline = Deadline::never()) {
+        if (deadline.is_never())
+            return !pthread_cond_wait(&condition_, mutex.native());
+        const timespec until = deadline.as_timespec();
+        return pthread_cond_timedwait(&condition_, mutex.native(), &until) != ETIMEDOUT;
+    }
+    void wake_one() { pthread_cond_signal(&condition_); }
+    void wake_all() { pthread_cond_broadcast(&condition_); }
+
+  private:
+    pthread_cond_t condition_;
 };
 
 // Owns a descriptor. close() is not repeated on EINTR: Linux has released the number by then.

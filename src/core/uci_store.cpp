@@ -25,31 +25,23 @@ constexpr size_t kSpare = 4096; // room beside a file's text and what changes
 // Who comes first is served first: a thread that stores in a loop does not keep the others out.
 struct {
     Mutex mutex;
-    pthread_cond_t released;
+    Condition released;
     unsigned waiting;
     bool held, handed_over;
 } g_turn;
 
 pthread_once_t g_once = PTHREAD_ONCE_INIT;
 
-void make_condition() {
-    pthread_condattr_t monotonic;
-    pthread_condattr_init(&monotonic);
-    pthread_condattr_setclock(&monotonic, CLOCK_MONOTONIC);
-    pthread_cond_init(&g_turn.released, &monotonic);
-    pthread_condattr_destroy(&monotonic);
-}
-
 // A child has none of the threads that hold it or wait.
 void after_fork() {
     g_turn.mutex = Mutex();
     g_turn.waiting = 0;
     g_turn.held = g_turn.handed_over = false;
-    make_condition();
+    g_turn.released.make();
 }
 
 void set_up() {
-    make_condition();
+    g_turn.released.make();
     pthread_atfork(nullptr, nullptr, after_fork);
 }
 
@@ -58,10 +50,9 @@ bool take_turn(Deadline deadline) {
     const Lock lock(g_turn.mutex);
     if (!g_turn.held)
         return g_turn.held = true;
-    const timespec until = deadline.as_timespec();
     ++g_turn.waiting;
-    for (int result = 0; !g_turn.handed_over && result != ETIMEDOUT;)
-        result = pthread_cond_timedwait(&g_turn.released, g_turn.mutex.native(), &until);
+    while (!g_turn.handed_over && g_turn.released.wait(g_turn.mutex, deadline)) {
+    }
     --g_turn.waiting;
     const bool mine = g_turn.handed_over;
     g_turn.handed_over = false;
@@ -72,7 +63,7 @@ bool take_turn(Deadline deadline) {
 void end_turn() {
     const Lock lock(g_turn.mutex);
     if ((g_turn.handed_over = g_turn.waiting))
-        pthread_cond_signal(&g_turn.released);
+        g_turn.released.wake_one();
     else
         g_turn.held = false;
 }

@@ -156,7 +156,7 @@ Reader *tavrik::take_reader() {
     if (reader) {
         reader->stop = true;
         eventfd_write(reader->wake, 1);
-        pthread_cond_broadcast(&g_registry.changed);
+        g_registry.changed.wake_all();
     }
     return reader;
 }

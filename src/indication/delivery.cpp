@@ -16,20 +16,12 @@ namespace {
 
 constexpr int kPatienceMs = 2000;
 
-void make_condition() {
-    pthread_condattr_t monotonic;
-    pthread_condattr_init(&monotonic);
-    pthread_condattr_setclock(&monotonic, CLOCK_MONOTONIC);
-    pthread_cond_init(&g_registry.changed, &monotonic);
-    pthread_condattr_destroy(&monotonic);
-}
-
 // A child after fork has none of the threads, unless it was forked in a callback: that thread then ends behind it. The
 // connections are the parent's: with a second owner the server would not see the parent close them.
 void after_fork() {
     g_registry.starting = Mutex();
     g_registry.mutex = Mutex();
-    make_condition();
+    g_registry.changed.make();
     g_registry.runs = nullptr;
     g_registry.waits = nullptr;
     if (g_registry.reader && !g_registry.reader->adopted)
@@ -45,7 +37,7 @@ void after_fork() {
 }
 
 void set_up() {
-    make_condition();
+    g_registry.changed.make();
     pthread_atfork(nullptr, nullptr, after_fork);
 }
 
@@ -111,7 +103,7 @@ bool tavrik::deliver(Slot slot, int event, void *record) {
         RegistryLock lock;
         const Reader *const reader = run.reader = own_reader();
         while (reader && !reader->stop && predecessor_runs(reader))
-            pthread_cond_wait(&g_registry.changed, g_registry.mutex.native());
+            g_registry.changed.wait(g_registry.mutex);
         handler = g_registry.handlers[slot];
         if (!handler || (reader && reader->stop))
             return false;
@@ -140,7 +132,7 @@ void tavrik::enter(Wait &wait) {
         excuse(wait.thread, *other);
     }
     push(g_registry.waits, wait);
-    pthread_cond_broadcast(&g_registry.changed);
+    g_registry.changed.wake_all();
 }
 
 void tavrik::leave(Wait &wait) {
@@ -162,16 +154,16 @@ void tavrik::wait_for_callbacks(unsigned slots, uint64_t newest, Site site) {
             push(g_registry.runs, loop);
         Wait wait = {slots, newest, {}, nullptr};
         enter(wait);
-        const timespec until = Deadline::in(kPatienceMs).as_timespec();
+        const Deadline deadline = Deadline::in(kPatienceMs);
         bool patient = true;
         while (Run *run = awaited(wait)) {
             if (patient) {
-                patient = pthread_cond_timedwait(&g_registry.changed, g_registry.mutex.native(), &until) != ETIMEDOUT;
+                patient = g_registry.changed.wait(g_registry.mutex, deadline);
                 continue;
             }
             leave_behind(*run);
             ++left_behind;
-            pthread_cond_broadcast(&g_registry.changed);
+            g_registry.changed.wake_all();
             if (run->reader && run->reader == g_registry.reader)
                 served = replace_reader();
         }

@@ -57,7 +57,7 @@ struct Run {
 struct Registry {
     Mutex starting; // one start of the thread at a time: taken before `mutex`, and held while connecting
     Mutex mutex;
-    pthread_cond_t changed; // a run or a wait has come or gone, or a reader was stopped
+    Condition changed; // a run or a wait has come or gone, or a reader was stopped
     Tavrik_IndicationCb callbacks[kSlotCount];
     Tavrik_IndicationHandler handlers[kSlotCount];
     int count;
@@ -108,7 +108,7 @@ void remove(Node *&list, Node &node) {
         link = &(*link)->next;
     if (*link) // after fork it is not there
         *link = node.next;
-    pthread_cond_broadcast(&g_registry.changed);
+    g_registry.changed.wake_all();
 }
 
 // Locked: publishes that the thread waits for these slots. Two threads that wait for each other's callback do not.

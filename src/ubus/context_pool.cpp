@@ -33,20 +33,14 @@ void ignore_lost_connection(ubus_context *) {
 
 // What one ubus_connect needs, shared by the thread that runs it and the caller that may give up waiting.
 struct Setup {
-    pthread_mutex_t mutex;
-    pthread_cond_t ended;
+    Mutex mutex;
+    Condition ended;
     Deadline deadline;
     bool inside; // ubus_connect, with the bus lock held
     bool done;
     bool abandoned;
     ubus_context *context;
 };
-
-void free_setup(Setup *setup) {
-    pthread_cond_destroy(&setup->ended);
-    pthread_mutex_destroy(&setup->mutex);
-    free(setup);
-}
 
 // Connects to where the daemon was found before and takes the greeting, all within `deadline`.
 int connect_greeted(const char *path, Deadline deadline) {
@@ -98,9 +92,9 @@ void *run_setup(void *argument) {
     {
         BusHold hold(setup->deadline);
         const bool ready = hold && daemon_greets(setup->deadline);
-        pthread_mutex_lock(&setup->mutex);
+        setup->mutex.lock();
         setup->inside = ready && !setup->abandoned;
-        pthread_mutex_unlock(&setup->mutex);
+        setup->mutex.unlock();
         if (setup->inside) { // which this thread alone changes
             HostSignals keep;
             context = ubus_connect(nullptr);
@@ -109,18 +103,18 @@ void *run_setup(void *argument) {
             context->connection_lost = ignore_lost_connection;
             fcntl(context->sock.fd, F_SETFD, FD_CLOEXEC); // older releases leave it open across exec
         }
-        pthread_mutex_lock(&setup->mutex);
+        setup->mutex.lock();
         abandoned = setup->abandoned;
         setup->inside = false;
         setup->done = true;
         setup->context = context;
-        pthread_cond_signal(&setup->ended);
-        pthread_mutex_unlock(&setup->mutex);
+        setup->ended.wake_one();
+        setup->mutex.unlock();
         if (abandoned && context)
             ubus_free(context);
     }
     if (abandoned)
-        free_setup(setup);
+        free(setup);
     return nullptr;
 }
 
@@ -177,30 +171,24 @@ ubus_context *connect_context(Deadline deadline) {
     auto *setup = static_cast<Setup *>(calloc(1, sizeof(Setup)));
     if (!setup)
         return nullptr;
-    pthread_condattr_t monotonic;
-    pthread_condattr_init(&monotonic);
-    pthread_condattr_setclock(&monotonic, CLOCK_MONOTONIC);
-    pthread_mutex_init(&setup->mutex, nullptr);
-    pthread_cond_init(&setup->ended, &monotonic);
-    pthread_condattr_destroy(&monotonic);
+    setup->mutex = Mutex();
+    setup->ended.make();
     setup->deadline = deadline;
     if (start_thread("tavrikbussetup", run_setup, setup)) {
-        free_setup(setup);
+        free(setup);
         return nullptr;
     }
-    const timespec until = deadline.as_timespec();
-    pthread_mutex_lock(&setup->mutex);
-    while (!setup->done && !setup->abandoned) {
-        if (pthread_cond_timedwait(&setup->ended, &setup->mutex, &until) == ETIMEDOUT && !setup->done)
-            setup->abandoned = true;
+    setup->mutex.lock();
+    while (!setup->done && setup->ended.wait(setup->mutex, deadline)) {
     }
     ubus_context *context = setup->context;
     const bool done = setup->done;
+    setup->abandoned = !done;
     if (setup->inside)
         mend_host_signals(); // a daemon that was stopped just now keeps the thread there until it goes on
-    pthread_mutex_unlock(&setup->mutex);
+    setup->mutex.unlock();
     if (done)
-        free_setup(setup);
+        free(setup);
     return context;
 }
 

@@ -13,7 +13,7 @@ namespace {
 
 struct {
     Mutex mutex;
-    pthread_cond_t released;
+    Condition released;
     pthread_t owner;
     unsigned depth;   // how often the owner has taken it, 0 when free
     unsigned waiting; // threads in the wait below
@@ -23,7 +23,7 @@ struct {
 // The one guarded socket: only the thread that holds the lock can have one.
 struct {
     Mutex mutex;
-    pthread_cond_t changed;
+    Condition changed;
     bool running;
     int socket = -1;
     bool fired;
@@ -34,12 +34,8 @@ struct {
 pthread_once_t g_once = PTHREAD_ONCE_INIT;
 
 void make_conditions() {
-    pthread_condattr_t monotonic;
-    pthread_condattr_init(&monotonic);
-    pthread_condattr_setclock(&monotonic, CLOCK_MONOTONIC);
-    pthread_cond_init(&g_lock.released, &monotonic);
-    pthread_cond_init(&g_watchdog.changed, &monotonic);
-    pthread_condattr_destroy(&monotonic);
+    g_lock.released.make();
+    g_watchdog.changed.make();
 }
 
 // A child after fork has neither the watchdog nor the thread that may have held the lock.
@@ -68,12 +64,9 @@ bool acquire(Deadline deadline) {
         }
         while (g_lock.depth) {
             g_lock.waiting++;
-            const timespec until = deadline.is_never() ? timespec{} : deadline.as_timespec();
-            const int result = deadline.is_never()
-                                   ? pthread_cond_wait(&g_lock.released, g_lock.mutex.native())
-                                   : pthread_cond_timedwait(&g_lock.released, g_lock.mutex.native(), &until);
+            const bool in_time = g_lock.released.wait(g_lock.mutex, deadline);
             g_lock.waiting--;
-            if (result == ETIMEDOUT && g_lock.depth)
+            if (!in_time && g_lock.depth)
                 return false;
         }
         g_lock.depth = 1;
@@ -90,7 +83,7 @@ void release() {
             Lock lock(g_lock.mutex);
             g_lock.depth = 0;
             if (g_lock.waiting)
-                pthread_cond_signal(&g_lock.released);
+                g_lock.released.wake_one();
         }
         pipe.restore();
         return;
@@ -113,13 +106,7 @@ void *watch(void *) {
             g_watchdog.asleep_till_ms = g_watchdog.at_ms;
         else if (g_watchdog.asleep_till_ms <= monotonic_ms())
             g_watchdog.asleep_till_ms = INT64_MAX;
-        if (g_watchdog.asleep_till_ms == INT64_MAX) {
-            pthread_cond_wait(&g_watchdog.changed, g_watchdog.mutex.native());
-        } else {
-            const timespec until = {time_t(g_watchdog.asleep_till_ms / 1000),
-                                    long(g_watchdog.asleep_till_ms % 1000) * 1000000};
-            pthread_cond_timedwait(&g_watchdog.changed, g_watchdog.mutex.native(), &until);
-        }
+        g_watchdog.changed.wait(g_watchdog.mutex, Deadline::at(g_watchdog.asleep_till_ms));
     }
     return nullptr;
 }
@@ -148,7 +135,7 @@ bool BusHold::guard(int socket, Deadline deadline) {
         }
         g_watchdog.running = true;
     } else if (g_watchdog.at_ms < g_watchdog.asleep_till_ms) {
-        pthread_cond_signal(&g_watchdog.changed);
+        g_watchdog.changed.wake_one();
     }
     guarding_ = true;
     return true;

@@ -24,29 +24,21 @@ namespace {
 // What a callback on the loop thread gets when the thread shall end.
 constexpr int kPatienceMs = 2000;
 
-Mutex g_start_stop;       // one start or stop at a time; never taken by the loop thread
-Loop *g_loop;             // the current one
-pthread_cond_t g_changed; // one has left
-bool g_uloop;             // uloop is initialised; guarded by the bus lock
-
-void make_condition() {
-    pthread_condattr_t monotonic;
-    pthread_condattr_init(&monotonic);
-    pthread_condattr_setclock(&monotonic, CLOCK_MONOTONIC);
-    pthread_cond_init(&g_changed, &monotonic);
-    pthread_condattr_destroy(&monotonic);
-}
+Mutex g_start_stop;  // one start or stop at a time; never taken by the loop thread
+Loop *g_loop;        // the current one
+Condition g_changed; // one has left
+bool g_uloop;        // uloop is initialised; guarded by the bus lock
 
 // A child after fork has no loop thread.
 void after_fork() {
     g_start_stop = Mutex();
     g_loop_mutex = Mutex();
     g_loop = nullptr;
-    make_condition();
+    g_changed.make();
 }
 
 void set_up() {
-    make_condition();
+    g_changed.make();
     pthread_atfork(nullptr, nullptr, after_fork);
 }
 
@@ -93,7 +85,7 @@ bool leave(Loop &loop) {
         abandoned = loop.abandoned;
         releases = loop.release;
         loop.left = true;
-        pthread_cond_broadcast(&g_changed);
+        g_changed.wake_all();
     }
     // From here on `loop` may be another's: who finds that the thread has left waits for its end alone.
     if (releases)
@@ -154,10 +146,9 @@ bool end_loop(int ms) {
         loop = g_loop;
         if (!loop)
             return true;
-        const timespec until = Deadline::in(ms).as_timespec();
-        while (!loop->left)
-            if (pthread_cond_timedwait(&g_changed, g_loop_mutex.native(), &until) == ETIMEDOUT)
-                break;
+        const Deadline deadline = Deadline::in(ms);
+        while (!loop->left && g_changed.wait(g_loop_mutex, deadline)) {
+        }
         g_loop = nullptr;
         if (!loop->left) {
             loop->abandoned = true;

@@ -40,7 +40,7 @@ struct Curl {
 Mutex g_mutex;
 bool g_loaded; // once, and for as long as the process lives
 Curl g_curl;
-pthread_cond_t g_ended; // a check; there is one once libcurl is loaded
+Condition g_ended; // a check; there is one once libcurl is loaded
 
 template <class Function>
 bool find(void *library, const char *name, Function &function) {
@@ -65,11 +65,7 @@ bool load_curl(Site site) {
         log(Level::error, site, "%s cannot be loaded: %s", kLibrary, LogText(why ? why : "").c_str());
         return false;
     }
-    pthread_condattr_t monotonic;
-    pthread_condattr_init(&monotonic);
-    pthread_condattr_setclock(&monotonic, CLOCK_MONOTONIC);
-    pthread_cond_init(&g_ended, &monotonic);
-    pthread_condattr_destroy(&monotonic);
+    g_ended.make();
     return g_loaded = true;
 }
 
@@ -144,7 +140,7 @@ void *run_check(void *argument) {
     g_mutex.lock();
     check->done = true;
     const bool abandoned = check->abandoned;
-    pthread_cond_broadcast(&g_ended);
+    g_ended.wake_all();
     g_mutex.unlock();
     if (abandoned)
         free(check);
@@ -153,10 +149,9 @@ void *run_check(void *argument) {
 
 // Has it ended until `deadline`? If not it is its thread's from now on.
 bool ended(Check &check, Deadline deadline) {
-    const timespec until = deadline.as_timespec();
     Lock lock(g_mutex);
-    while (!check.done && !deadline.passed())
-        pthread_cond_timedwait(&g_ended, g_mutex.native(), &until);
+    while (!check.done && g_ended.wait(g_mutex, deadline)) {
+    }
     check.abandoned = !check.done;
     return check.done;
 }
