@@ -317,7 +317,7 @@ uci_section *UciStore::next(uci_section *after) const {
 
 uci_section *UciStore::section(const char *name) const {
     uci_section *found = next();
-    while (found && strcmp(found->e.name, name))
+    while (found && strcmp(found->e.name, name) != 0)
         found = next(found);
     return found;
 }
@@ -525,7 +525,7 @@ void UciStore::remove_leftovers(const char *package) {
     const auto sweep = [&temporary](const char *folder) {
         DIR *const entries = opendir(folder);
         while (const dirent *const entry = entries ? readdir(entries) : nullptr) {
-            if (strncmp(entry->d_name, temporary, strlen(temporary)))
+            if (strncmp(entry->d_name, temporary, strlen(temporary)) != 0)
                 continue;
             // One that is locked is in use, by a program that knows nothing of the lock held here.
             const Fd fd(openat(dirfd(entries), entry->d_name, O_RDONLY | O_CLOEXEC));

@@ -62,7 +62,7 @@ int data_configure_pdp_info(Tavrik_DataCallInfo *info, const Tavrik_PdpText *tex
                 {"dns", texts->dns, {{{&info->ipv4_dns1, &info->ipv4_dns2}, {info->ipv6_dns1, info->ipv6_dns2}}}},
                 {"submask", texts->submask, {{{&info->ipv4_netmask}, {}}}}};
     for (auto row : rows) {
-        if (strcmp(row.key, key))
+        if (strcmp(row.key, key) != 0)
             continue;
         if (!ipv4)
             row.places.by_family[0][0] = nullptr;

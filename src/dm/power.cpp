@@ -93,7 +93,7 @@ int Tavrik_DM_RemoveSourceLock(const char *name) {
     }
     char *rest;
     for (char *lock = strtok_r(locks, " ", &rest); lock; lock = strtok_r(nullptr, " ", &rest)) {
-        if (strcmp(lock, name))
+        if (strcmp(lock, name) != 0)
             continue;
         if (write_file(name, "", kWakeUnlock))
             return 0;

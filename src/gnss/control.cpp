@@ -101,21 +101,21 @@ NmeaThread *make_thread(Tavrik_GnssCb callback, Fd &write_end, Site site) {
     return nullptr;
 }
 
-// Has the thread ended in time?
-bool wait_for_end(int ended) {
+// Until the thread has ended, or its time is over.
+void wait_for_end(int ended) {
     const Deadline deadline = Deadline::in(kPatienceMs);
     pollfd event = {ended, POLLIN, 0};
-    int ready;
-    while ((ready = poll(&event, 1, deadline.poll_ms())) < 0 && errno == EINTR) {
+    while (poll(&event, 1, deadline.poll_ms()) < 0 && errno == EINTR) {
     }
-    return ready > 0;
 }
 
 // Ends a thread that was taken. False when it is left behind.
 bool end_thread(NmeaThread *thread) {
     const pthread_t handle = thread->thread;
     const bool own = pthread_equal(handle, pthread_self());
-    bool gone = !own && wait_for_end(thread->ended);
+    if (!own)
+        wait_for_end(thread->ended);
+    bool gone;
     {
         Lock lock(g_gnss.mutex);
         gone = thread->gone;

@@ -97,7 +97,8 @@ void on_sentence(void *context, const char *text, size_t length, int64_t mono_ms
         return;
     char line[TAVRIK_GNSS_SENTENCE_SIZE + 2];
     memcpy(line, text, length);
-    memcpy(line + length, "\r\n", 2);
+    line[length] = '\r';
+    line[length + 1] = '\n';
     if (g_gnss_settings.to_port)
         write_nmea_port(thread, line, length + 2);
     if (g_gnss_settings.save)

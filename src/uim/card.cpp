@@ -130,6 +130,7 @@ int Tavrik_UIM_GetPhoneNum(int card, char *number, int *length) {
         return -1;
     }
     char *text;
+    // The second field: NOLINTNEXTLINE(misc-redundant-expression)
     if (at_tok_nextstr(&cursor, &text) || at_tok_nextstr(&cursor, &text) || !text)
         return -1;
     text = trim(text);
