@@ -7,6 +7,7 @@
 
 #include "call.h"
 #include "serial.h"
+#include "services/service.h"
 #include "supervisor.h"
 
 namespace {
@@ -15,9 +16,10 @@ void add_run_options(CLI::App *command, tavrik::sim::RunOptions &options) {
     command->add_option("--scenario", options.scenario, "JSON file of calls to make before and during the run")
         ->type_name("FILE")
         ->check(CLI::ExistingFile);
-    command->add_option("--without", options.without, "Service that is not started: at, atind, ril, bus")
-        ->type_name("SERVICE")
-        ->take_all();
+    std::string services = "Service that is not started, one or more of:";
+    for (const tavrik::sim::ServiceRow *row = tavrik::sim::service_rows; row->name; row++)
+        services += std::string(" ") + row->name;
+    command->add_option("--without", options.without, services)->type_name("SERVICE")->take_all();
     command->add_option("--name", options.name, "Name for --sim of `call`; a free one unless given")->type_name("NAME");
 }
 
