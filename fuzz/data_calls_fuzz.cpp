@@ -1,9 +1,11 @@
 // Records of data calls, as the radio interface layer reports them, into the handlers that configure the network and
-// keep the counters. The stores are this process's own; data_targets.cmake gives the library this file's nanosleep.
+// keep the counters. The stores are this process's own; data_targets.cmake gives the library this file's nanosleep and
+// posix_spawn.
 #include "fuzz.h"
 #include "tavrik_sdk.h"
 #include "ubus/ril.h"
 
+#include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -52,6 +54,11 @@ extern "C" int __wrap_nanosleep(const timespec *, timespec *left) {
     if (left)
         *left = {};
     return 0;
+}
+
+// Nor is a shell started, which would look for an interface that cannot be there.
+extern "C" int __wrap_posix_spawn() {
+    return EAGAIN;
 }
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
