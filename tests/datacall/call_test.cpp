@@ -68,10 +68,8 @@ TEST_F(DataCall, Starts) {
     EXPECT_EQ(start(16), "1 -1 2:3 ");
     EXPECT_EQ(start(2, 1), "1 -1 2:3 ");
     sim::fault("at", "AT*ZGDCONT*", {{"error", "ERROR"}});
-    EXPECT_EQ(start(1), "77 -1 " + debug("x", "0") + sim::refused + define +
-                            R"(AT*ZGDCONT=2,"IP","x",1)"
-                            "\n"
-                            R"(AT*ZGDCONT=2,"IP","x",1;2:3 )");
+    const std::string second = R"(AT*ZGDCONT=2,"IP","x",1)";
+    EXPECT_EQ(start(1), "77 -1 " + debug("x", "0") + sim::refused + define + second + "\n" + second + ";2:3 ");
     sim::call("uci", {{"package", "data_profile"}});
     EXPECT_EQ(start(0), "77 -1 " + name + "uci_load failed\n2:3 ");
     EXPECT_EQ(did(Tavrik_DataCall_Start, nullptr, nullptr), "-1 " + name + "Parameter input error\n");
