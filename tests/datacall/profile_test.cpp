@@ -66,7 +66,7 @@ TEST_F(Profile, IsWrittenAsUciHasIt) {
         {damaged, kProfile, damaged, "-1 Tavrik_DataCall_SetProfile: uci_load failed.\n"},
         {kThird, {16, 0, "a", 0, "", ""}, kThird, error},
         {kThird, {3, 4, "a", 0, "", ""}, kThird, error},
-        {kThird, {3, 0, "a", UINT_MAX, "", ""}, kThird, error},
+        {kThird, {3, UINT_MAX, "a", 0, "", ""}, kThird, error},
         {kThird, {3, 0, "a", 4, "", ""}, kThird, error},
         {kThird, {3, 0, "a", 0, "", "\x01"}, kThird, error},
     };

@@ -126,18 +126,21 @@ void download(const char *name, int (*run)(const char *),
 }
 
 TEST_F(Upgrade, FromStorage) {
+    const auto wire = [](const std::string &size, const std::string &path) {
+        return R"(download {"type":2,"size":)" + size + R"(,"url":")" + path +
+               R"(","username":"","password":"","sync":1};)";
+    };
     shell("truncate -s 12345 /tmp/package; truncate -s 5G /tmp/big");
     const std::string size = " info get_pkg_size: \n  file_size=", known = size + "12345\n";
     const std::string wait =
         "info @: \n  upgrade_through_sd(): Please wait 30s,please reboot when Upgrade successfully\n";
-    const char package[] =
-        R"(download {"type":2,"size":12345,"url":"/tmp/package","username":"","password":"","sync":1};)";
-    const char big[] =
-        R"(download {"type":2,"size":1073741824,"url":"/tmp/big","username":"","password":"","sync":1};)";
+    const std::string package = wire("12345", "/tmp/package");
     testing::internal::CaptureStderr();
     download("Tavrik_Upgrade_Through_SD", Tavrik_Upgrade_Through_SD,
              {{"", "/tmp/package", "0" + known + wait + package},
-              {"", "/tmp/big", "0" + size + "5368709120\n" + wait + big},
+              {"", "/tmp/big", "0" + size + "5368709120\n" + wait + wire("1073741824", "/tmp/big")},
+              {"", "/dev/null", "0" + size + "0\n" + wait + wire("0", "/dev/null")},
+              {R"({"service": "ota", "reply": {"x": 1}})", "/tmp/package", "0" + known + wait + package},
               {"", nullptr, "-1 @: url is null\n"},
               {"", "/tmp/none", "-1 @: get pkg size failed!\n"},
               {kRefused, "/tmp/package", "-1" + known + wait + "@:  ubus_invoke OTA failed \n" + package},
