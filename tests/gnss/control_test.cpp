@@ -27,25 +27,15 @@ using namespace std::chrono_literals;
 using Texts = std::vector<std::string>;
 
 Events g_events;
-std::atomic<void (*)()> g_inside; // what the next callback does besides
+std::atomic<int (*)()> g_inside; // what the next callback does besides
 std::atomic<int> g_inside_done;
+std::atomic<bool> g_hangs, g_released;
 
 bool until(const std::function<bool()> &true_now) {
     for (const auto end = steady_clock::now() + 20s; !true_now(); usleep(1000))
         if (steady_clock::now() > end)
             return false;
     return true;
-}
-
-// The next callback hangs until it is released.
-std::atomic<bool> g_hangs, g_released;
-void hang() {
-    g_hangs = g_released = false;
-    g_inside = [] {
-        g_hangs = true;
-        EXPECT_TRUE(until([] { return bool(g_released); }));
-        g_hangs = false;
-    };
 }
 
 std::string shown(const Tavrik_GnssData &data) {
@@ -57,7 +47,7 @@ std::string shown(const Tavrik_GnssData &data) {
 }
 void on_data(const Tavrik_GnssData *data) {
     g_events.add(shown(*data));
-    if (void (*const run)() = g_inside.exchange(nullptr)) {
+    if (int (*const run)() = g_inside.exchange(nullptr)) {
         run();
         ++g_inside_done;
     }
@@ -76,6 +66,18 @@ std::string record(int second) {
 }
 void receive(const std::string &text) {
     sim::call("nmea", {{"text", text}});
+}
+// The first callback of it hangs until it is released.
+void receive_and_hang(const std::string &text) {
+    g_hangs = g_released = false;
+    g_inside = [] {
+        g_hangs = true;
+        EXPECT_TRUE(until([] { return bool(g_released); }));
+        g_hangs = false;
+        return 0;
+    };
+    receive(text);
+    EXPECT_TRUE(until([] { return bool(g_hangs); }));
 }
 // What is logged while sentences go all their ways, of which the callback is the last.
 std::string log_of_passing(int first, int last) {
@@ -317,9 +319,7 @@ TEST_F(Gnss, ControlWords) {
 
 TEST_F(Gnss, FullPipe) {
     start();
-    hang();
-    receive(rmc(0));
-    EXPECT_TRUE(until([] { return bool(g_hangs); }));
+    receive_and_hang(rmc(0));
     const std::string words = "ready!startstop"; // reads of any size cut them
     while (write(g_pipe[1], words.data(), words.size()) > 0) {
     }
@@ -467,9 +467,7 @@ TEST_F(Gnss, SaveFile) {
 
 TEST_F(Gnss, DeinitWaitsForTheCallback) {
     start();
-    hang();
-    receive(rmc(1) + rmc(2) + rmc(3));
-    EXPECT_TRUE(until([] { return bool(g_hangs); }));
+    receive_and_hang(rmc(1) + rmc(2) + rmc(3));
     std::thread later([] {
         usleep(200000);
         g_released = true;
@@ -488,7 +486,7 @@ TEST_F(Gnss, DeinitInsideTheCallback) {
         EXPECT_EQ(Tavrik_Gnss_Deinit(), 0);
         EXPECT_EQ(g_pipe[0] + g_pipe[1], -2);
         EXPECT_EQ(init(TAVRIK_GNSS_SERIAL), 0);
-        EXPECT_EQ(Tavrik_Gnss_Start(), 0);
+        return Tavrik_Gnss_Start();
     };
     log_of([&] {
         receive(rmc(1) + rmc(2) + rmc(3));
@@ -503,9 +501,7 @@ TEST_F(Gnss, DeinitInsideTheCallback) {
 TEST_F(Gnss, DeinitLeavesAStuckCallbackBehind) {
     start();
     Tavrik_Gnss_Data_to_Nmea_Port(1);
-    hang();
-    receive(rmc(1) + rmc(2));
-    EXPECT_TRUE(until([] { return bool(g_hangs); }));
+    receive_and_hang(rmc(1) + rmc(2));
     const auto begin = steady_clock::now();
     EXPECT_EQ(log_of([] { EXPECT_EQ(Tavrik_Gnss_Deinit(), 0); }), "Tavrik_Gnss_Deinit: Tavrik_Gnss_Deinit fail!\n");
     EXPECT_GE(steady_clock::now() - begin, 1995ms);
@@ -533,11 +529,11 @@ TEST_F(Gnss, Fork) {
         }
         int ended = -1;
         waitpid(pid, &ended, 0);
-        status = ended;
+        return status = ended;
     };
     for (const bool in_callback : {false, true}) {
         status = -1;
-        in_callback ? void(g_inside = child) : child();
+        in_callback ? void(g_inside = child) : void(child());
         EXPECT_EQ(log_of_passing(1, 1), "");
         EXPECT_TRUE(until([] { return status == 0; })) << status;
     }
@@ -559,7 +555,7 @@ TEST_F(Gnss, ManyRounds) {
                 Tavrik_Gnss_Start();
                 EXPECT_EQ(g_upgrade_ready, 1);
                 if (i % 4 == 0) {
-                    g_inside = [] { Tavrik_Gnss_Deinit(); };
+                    g_inside = Tavrik_Gnss_Deinit;
                     EXPECT_TRUE(until([&] { return g_inside_done > before; }));
                 } else if (i % 4 < 3) {
                     Tavrik_Gnss_Stop();
@@ -579,17 +575,17 @@ TEST_F(Gnss, ManyRounds) {
 // Everything at once, from several threads and from the callback.
 TEST_F(Gnss, ManyThreads) {
     fault("gnss", "flood", rmc(1) + rmc(2));
-    static constexpr void (*kCalls[])() = {[] { init(TAVRIK_GNSS_SERIAL); },
-                                           [] { Tavrik_Gnss_Deinit(); },
-                                           [] { Tavrik_Gnss_Start(); },
-                                           [] { Tavrik_Gnss_Stop(); },
-                                           [] { Tavrik_Gnss_HotStart(); },
-                                           [] { Tavrik_Gnss_Data_to_Nmea_Port(1); },
-                                           [] { Tavrik_Gnss_CallBack_Switch(TAVRIK_GNSS_CALLBACK_BOTH); },
-                                           [] {
-                                               Tavrik_GnssData last;
-                                               Tavrik_Gnss_GetGnssLocationInfo(&last);
-                                           }};
+    static constexpr int (*kCalls[])() = {Tavrik_Gnss_Deinit,
+                                          Tavrik_Gnss_Start,
+                                          Tavrik_Gnss_Stop,
+                                          Tavrik_Gnss_HotStart,
+                                          [] { return init(TAVRIK_GNSS_SERIAL); },
+                                          [] { return Tavrik_Gnss_Data_to_Nmea_Port(1); },
+                                          [] { return Tavrik_Gnss_CallBack_Switch(TAVRIK_GNSS_CALLBACK_BOTH); },
+                                          [] {
+                                              Tavrik_GnssData last;
+                                              return Tavrik_Gnss_GetGnssLocationInfo(&last);
+                                          }};
     log_of([&] {
         std::vector<std::thread> callers;
         for (unsigned seed = 1; seed <= 3; ++seed)
@@ -602,8 +598,8 @@ TEST_F(Gnss, ManyThreads) {
             });
         for (std::thread &caller : callers)
             caller.join();
-        g_inside = nullptr;
-        Tavrik_Gnss_Deinit();
+        g_inside = nullptr; // one that runs still may begin anew
+        EXPECT_TRUE(until([&] { return !Tavrik_Gnss_Deinit() && count("/proc/self/task") == threads_; }));
     });
 }
 

@@ -1,6 +1,5 @@
 // The access points: what is written (read back by uci's own program), what restarts, what is read of any package.
 #include <algorithm>
-#include <chrono>
 #include <climits>
 #include <csignal>
 #include <functional>
@@ -15,7 +14,6 @@ namespace {
 
 using nlohmann::json;
 using sim::log_of, sim::recorded;
-using std::chrono::steady_clock;
 using Texts = std::vector<std::string>;
 
 const std::string file = "/etc/config/wireless";
@@ -339,66 +337,44 @@ TEST_F(WiFi, LooksForTheCountry) {
     EXPECT_EQ(log_of([] { EXPECT_EQ(check_channel_with_crty(1, 0), 0); }), "");
 }
 
-TEST_F(WiFi, PackageThatCannotBeWritten) {
+// Nothing is written, or what is written stays.
+TEST_F(WiFi, PackageOrRestartThatFails) {
     const struct {
-        const char *what, *verb;
+        const char *verb;
         json arguments;
-        bool readable;
-    } cases[] = {{"read-only", "fault", {{"service", "etc"}, {"read_only", true}}, true},
-                 {"full", "fault", {{"service", "etc"}, {"full", true}}, true},
-                 {"missing", "uci", {{"package", "wireless"}}},
-                 {"malformed", "uci", {{"package", "wireless"}, {"text", "config wifi-device 'AP0_2G\n"}}},
-                 {"without sections", "uci", {{"package", "wireless"}, {"text", "\nconfig other 'x'\n"}}}};
-    const std::string before = read_file(file);
+        bool readable, written;
+        size_t restarts;
+    } cases[] = {{"fault", {{"service", "etc"}, {"read_only", true}}, true},
+                 {"fault", {{"service", "etc"}, {"full", true}}, true},
+                 {"uci", {{"package", "wireless"}}},
+                 {"uci", {{"package", "wireless"}, {"text", "config wifi-device 'AP0_2G\n"}}},
+                 {"uci", {{"package", "wireless"}, {"text", "\nconfig other 'x'\n"}}},
+                 {"fault", {{"service", "mwlan"}, {"exit", 1}}, true, true, std::size(settings)},
+                 {"fault", {{"service", "mwlan"}, {"exit", 255}}, true, true, std::size(settings)},
+                 {"fault", {{"service", "mwlan"}, {"signal", 9}}, true, true, std::size(settings)},
+                 {"fault", {{"service", "mwlan"}, {"stop", true}}, true, true}};
     for (const auto &test : cases) {
-        SCOPED_TRACE(test.what);
+        SCOPED_TRACE(test.arguments.dump());
         sim::call(test.verb, test.arguments);
-        const std::string bytes = package_bytes();
         for (const Setting &one : settings) {
             // Without a mode to read, there is none that could be told a bandwidth.
-            const bool unread = !test.readable && one.get == Tavrik_Get_Band;
             const std::string end =
-                unread ? "Tavrik_Get_Netmode: get value is faild\n" : one.function + ": set value is faild\n";
-            const std::string log = log_of([&] { EXPECT_EQ(one.change(), -1); });
+                !test.readable && one.get == Tavrik_Get_Band
+                    ? line("Tavrik_Get_Netmode", "get value is faild")
+                    : line(one.function, test.written ? "wifi system cmd faild " : "set value is faild");
+            const std::string bytes = package_bytes(), log = log_of([&] { EXPECT_EQ(one.change(), -1); });
             EXPECT_EQ(log.substr(log.size() - std::min(log.size(), end.size())), end);
-            EXPECT_EQ(package_bytes(), bytes);
+            EXPECT_EQ(package_bytes() != bytes, test.written);
             if (!one.get)
                 continue;
             // Without a section, nothing is on.
-            const bool good = test.readable || (*test.what == 'w' && one.get == Tavrik_Get_WiFi_Mode);
+            const bool good = test.readable || (one.get == Tavrik_Get_WiFi_Mode && read_file(file)[1] == 'c');
             int value = -77;
-            EXPECT_EQ(log_of([&] { EXPECT_EQ(one.get(&value, 0, 0), good ? 0 : -1); }),
+            EXPECT_EQ(log_of([&] { EXPECT_EQ(one.get(&value, 0, one.band), good ? 0 : -1); }),
                       line(std::string(one.function).replace(7, 1, "G"), good ? "" : "get value is faild"));
             EXPECT_EQ(value == -77, !good);
         }
-        EXPECT_EQ(recorded("program"), Texts());
-        sim::call("reset");
-        EXPECT_EQ(read_file(file), before);
-    }
-}
-
-TEST_F(WiFi, WaitsForAnotherProgramsLockOnlySoLong) {
-    sim::call("fault", {{"service", "etc"}, {"lock", "wireless"}});
-    const auto start = steady_clock::now();
-    EXPECT_EQ(log_of([] { EXPECT_EQ(Tavrik_Set_Bcast(1, 0, 0), -1); }),
-              "Tavrik_Set_Bcast: uci: /etc/config/wireless is locked\nTavrik_Set_Bcast: set value is faild\n");
-    EXPECT_GE(steady_clock::now() - start, std::chrono::milliseconds(4995));
-    sim::call("clear");
-    EXPECT_EQ(Tavrik_Set_Bcast(1, 0, 0), 0);
-}
-
-// What is written stays.
-TEST_F(WiFi, RestartThatFails) {
-    for (json fault : {json{{"exit", 1}}, json{{"exit", 255}}, json{{"signal", 9}}, json{{"stop", true}}}) {
-        SCOPED_TRACE(fault.dump());
-        fault["service"] = "mwlan";
-        sim::call("fault", fault);
-        for (const Setting &one : settings) {
-            const auto before = options();
-            EXPECT_EQ(log_of([&] { EXPECT_EQ(one.change(), -1); }), line(one.function, "wifi system cmd faild "));
-            EXPECT_NE(options(), before) << one.function;
-        }
-        EXPECT_EQ(recorded("program"), restarted(fault.contains("stop") ? 0 : std::size(settings)));
+        EXPECT_EQ(recorded("program"), restarted(test.restarts));
         sim::call("reset");
     }
     // The host has thrown the status away.
@@ -428,30 +404,6 @@ TEST_F(WiFi, HoldsNothingDuringTheRestart) {
     EXPECT_EQ(options()["AP0_2G.seen"], "'slow'");
     EXPECT_EQ(options()["AP0_5G_if.hidden"], "'1'");
     write_file(service, script);
-}
-
-TEST_F(WiFi, SettersAtOnce) {
-    constexpr int rounds = 15;
-    std::vector<std::thread> threads;
-    for (const int band : {0, 1})
-        for (const auto set : {set_ssid, number<Tavrik_WiFi_Connect_Num_Config>})
-            threads.emplace_back([=] {
-                for (int i = 1; i <= rounds; ++i)
-                    EXPECT_EQ(set(std::to_string(i), band), 0);
-            });
-    threads.emplace_back([] {
-        for (int i = 0, auth; i < 100; ++i) {
-            char key[TAVRIK_WIFI_KEY_SIZE];
-            EXPECT_EQ(Tavrik_Get_Auth(&auth, key, 0, 0), 0);
-            EXPECT_STREQ(key, "0123456789");
-        }
-    });
-    for (std::thread &thread : threads)
-        thread.join();
-    auto now = options();
-    for (const char *option : {"AP0_2G_if.ssid", "AP0_5G_if.ssid", "AP0_2G_if.maxassoc", "AP0_5G_if.maxassoc"})
-        EXPECT_EQ(now[option], "'" + std::to_string(rounds) + "'") << option;
-    EXPECT_EQ(recorded("program"), restarted(4 * rounds));
 }
 
 } // namespace
