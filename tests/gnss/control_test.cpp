@@ -151,8 +151,8 @@ class Gnss : public testing::Test {
         });
         EXPECT_EQ(g_pipe[0] + g_pipe[1] + g_upgrade_ready, -2);
         EXPECT_TRUE(until([] { return !reads(); }));
-        EXPECT_TRUE(until([this] { return descriptors() == descriptors_; }));
-        EXPECT_TRUE(until([this] { return count("/proc/self/task") == threads_; }));
+        EXPECT_TRUE(until([this] { return descriptors() <= descriptors_; }));
+        EXPECT_TRUE(until([this] { return count("/proc/self/task") <= threads_; }));
         g_events.take(0);
         Tavrik_Gnss_CallBack_Switch(TAVRIK_GNSS_CALLBACK_RECORD);
         Tavrik_Gnss_Data_to_Nmea_Port(0);
@@ -187,6 +187,7 @@ class Gnss : public testing::Test {
         }
     }
 
+    // At most so many later; a thread of the bus may end just now.
     const size_t descriptors_ = descriptors(), threads_ = count("/proc/self/task");
 };
 
@@ -492,7 +493,7 @@ TEST_F(Gnss, DeinitInsideTheCallback) {
         receive(rmc(1) + rmc(2) + rmc(3));
         EXPECT_TRUE(until([&] { return g_inside_done > before; }));
     });
-    EXPECT_TRUE(until([&] { return reads() && count("/proc/self/task") == threads_ + 1; }));
+    EXPECT_TRUE(until([&] { return reads() && count("/proc/self/task") <= threads_ + 1; }));
     receive(rmc(9));
     EXPECT_EQ(g_events.take(2), (Texts{rmc(1), rmc(9)})); // of the others nothing
 }
@@ -599,7 +600,7 @@ TEST_F(Gnss, ManyThreads) {
         for (std::thread &caller : callers)
             caller.join();
         g_inside = nullptr; // one that runs still may begin anew
-        EXPECT_TRUE(until([&] { return !Tavrik_Gnss_Deinit() && count("/proc/self/task") == threads_; }));
+        EXPECT_TRUE(until([&] { return !Tavrik_Gnss_Deinit() && count("/proc/self/task") <= threads_; }));
     });
 }
 
