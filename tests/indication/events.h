@@ -121,7 +121,8 @@ class Indication : public testing::Test {
     // Has the library closed the connection?
     bool closed() const {
         char byte;
-        return recv(server.client(), &byte, 1, 0) == 0;
+        pollfd end = {server.client(), POLLIN, 0};
+        return poll(&end, 1, 20000) == 1 && recv(end.fd, &byte, 1, 0) == 0;
     }
 
     FakeAtServer server;
