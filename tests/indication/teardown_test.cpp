@@ -1,15 +1,14 @@
 // Deregistering while callbacks run: what waits for what, and what does not.
 #include "indication/events.h"
 #include "support/descriptors.h"
+#include "support/words.h"
 
 extern "C" {
 #include <libubox/uloop.h>
 }
 
 #include <atomic>
-#include <map>
 #include <random>
-#include <set>
 #include <sstream>
 #include <sys/wait.h>
 #include <thread>
@@ -23,8 +22,7 @@ using namespace ind;
 
 namespace {
 
-// Told in words, parted by blanks: first those of the test, then behind each "|" those of a callback, by the name of
-// its event, or of another thread or process, which a word calls up. Lines are called as the events that come of them.
+// In words, see there. Lines are called as the events that come of them, and so are the callbacks.
 struct Case {
     const char *what, *words;
 };
@@ -68,28 +66,6 @@ const Case kCases[] = {
 class Teardown : public Indication, public testing::WithParamInterface<Case> {
   protected:
     Teardown() : Indication(0) {}
-    void play(const std::string &name) {
-        const auto part = parts_.find(name);
-        std::istringstream words(part == parts_.end() ? "" : part->second);
-        for (std::string word; words >> word;) {
-            SCOPED_TRACE(name + ": " + word);
-            const size_t colon = std::min(word.find(':'), word.size());
-            const auto act = words_.find(word.substr(0, colon));
-            if (act != words_.end())
-                act->second(word.substr(std::min(colon + 1, word.size())));
-            else
-                mark(word.substr(0, word.size() - 1), word.back());
-        }
-    }
-    // "in!" sets a mark, "in?" waits for it, "in." wants it there already.
-    void mark(const std::string &name, char what) {
-        std::unique_lock lock(g_mutex);
-        if (what == '!')
-            marks_.insert(name);
-        g_more.notify_all();
-        const auto limit = std::chrono::seconds(what == '?' ? 20 : 0);
-        EXPECT_TRUE(g_more.wait_for(lock, limit, [&] { return marks_.count(name); }));
-    }
     static std::string lines(const std::string &names) {
         static const char *const kCards[] = {"READY", "SIM PIN", "SIM PUK"};
         std::string text, name;
@@ -110,7 +86,7 @@ class Teardown : public Indication, public testing::WithParamInterface<Case> {
     void start_loop() {
         static Teardown *test;
         test = this;
-        timer_.cb = [](uloop_timeout *) { test->play("loop"); };
+        timer_.cb = [](uloop_timeout *) { test->words_.play("loop"); };
         ASSERT_EQ(tavrik_ubus_init(), 0);
         tavrik_ubus_lock();
         uloop_timeout_set(&timer_, 0);
@@ -122,9 +98,9 @@ class Teardown : public Indication, public testing::WithParamInterface<Case> {
         if ((child_ = fork()))
             return;
         close(hold_[1]);
-        play("fork");
+        words_.play("fork");
         if (!getenv("TAVRIK_EMULATOR")) // it has no threads in a child
-            play("anew");
+            words_.play("anew");
         _exit(HasFailure());
     }
     void end_child() {
@@ -135,36 +111,36 @@ class Teardown : public Indication, public testing::WithParamInterface<Case> {
         EXPECT_EQ(status, 0);
     }
 
-    using Argument = const std::string &;
-    const std::map<std::string, std::function<void(Argument)>> words_ = {
-        {"open", [this](Argument) { add_all(); }},
-        {"accept", [this](Argument) { EXPECT_TRUE(server.accept_client()); }},
-        {"closed", [this](Argument) { EXPECT_TRUE(closed()); }},
-        {"send", [this](Argument names) { server.answer(lines(names)); }},
-        {"line", [](Argument name) { at_indication_data_handler(lines(name).data(), int(lines(name).size())); }},
-        {"got", [](Argument all) { EXPECT_EQ(names(all.substr(all.rfind(',') + 1)), all); }},
-        {"add", [](Argument category) { EXPECT_EQ(add(std::stoi(category)), 0); }},
-        {"state", [](Argument state) { EXPECT_EQ(Tavrik_Indication_State(), std::stoi(state)); }},
-        {"nw", [](Argument how) { deregister(tavrik_indication_nwderegister, how); }},
-        {"uim", [](Argument how) { deregister(tavrik_indication_uimderegister, how); }},
-        {"sms", [](Argument how) { deregister(tavrik_indication_smsderegister, how); }},
-        {"all", [](Argument how) { deregister(tavrik_indication_deregister, how); }},
-        {"sleep", [](Argument ms) { usleep(unsigned(std::stoi(ms)) * 1000); }},
-        {"loop", [this](Argument) { start_loop(); }},
-        {"thread", [this](Argument) { thread_ = std::thread([this] { play("thread"); }); }},
-        {"join", [this](Argument) { thread_.join(); }},
-        {"full", [](Argument) { EXPECT_GE(at_socket_init(kPath), 0); }}, // so is the backlog now
-        {"fork", [this](Argument) { fork_child(); }},
-        {"child", [this](Argument) { end_child(); }},
-        {"go", [this](Argument) { EXPECT_EQ(read(hold_[0], hold_, 1), 0); }}, // the parent has done its part
-        {"free",
-         [](Argument) {
-             for (; on_at_indication_report("+CREG: 9"), !events().empty();)
-                 usleep(100);
-         }},
-    };
-    std::map<std::string, std::string> parts_;
-    std::set<std::string> marks_;
+    using Argument = Words::Argument;
+    Words words_{
+        GetParam().words,
+        {
+            {"open", [this](Argument) { add_all(); }},
+            {"accept", [this](Argument) { EXPECT_TRUE(server.accept_client()); }},
+            {"closed", [this](Argument) { EXPECT_TRUE(closed()); }},
+            {"send", [this](Argument names) { server.answer(lines(names)); }},
+            {"line", [](Argument name) { at_indication_data_handler(lines(name).data(), int(lines(name).size())); }},
+            {"got", [](Argument all) { EXPECT_EQ(names(all.substr(all.rfind(',') + 1)), all); }},
+            {"add", [](Argument category) { EXPECT_EQ(add(std::stoi(category)), 0); }},
+            {"state", [](Argument state) { EXPECT_EQ(Tavrik_Indication_State(), std::stoi(state)); }},
+            {"nw", [](Argument how) { deregister(tavrik_indication_nwderegister, how); }},
+            {"uim", [](Argument how) { deregister(tavrik_indication_uimderegister, how); }},
+            {"sms", [](Argument how) { deregister(tavrik_indication_smsderegister, how); }},
+            {"all", [](Argument how) { deregister(tavrik_indication_deregister, how); }},
+            {"sleep", [](Argument ms) { usleep(unsigned(std::stoi(ms)) * 1000); }},
+            {"loop", [this](Argument) { start_loop(); }},
+            {"thread", [this](Argument) { thread_ = std::thread([this] { words_.play("thread"); }); }},
+            {"join", [this](Argument) { thread_.join(); }},
+            {"full", [](Argument) { EXPECT_GE(at_socket_init(kPath), 0); }}, // so is the backlog now
+            {"fork", [this](Argument) { fork_child(); }},
+            {"child", [this](Argument) { end_child(); }},
+            {"go", [this](Argument) { EXPECT_EQ(read(hold_[0], hold_, 1), 0); }}, // the parent has done its part
+            {"free",
+             [](Argument) {
+                 for (; on_at_indication_report("+CREG: 9"), !events().empty();)
+                     usleep(100);
+             }},
+        }};
     std::thread thread_;
     uloop_timeout timer_ = {};
     int hold_[2];
@@ -173,14 +149,9 @@ class Teardown : public Indication, public testing::WithParamInterface<Case> {
 
 TEST_P(Teardown, in_words) {
     SCOPED_TRACE(GetParam().what);
-    std::istringstream parts(GetParam().words);
-    std::string name = "test";
-    do {
-        std::getline(parts, parts_[name], '|');
-    } while (parts >> name);
-    g_inside = [this](const std::string &event) { play(event.substr(0, event.find(' '))); };
+    g_inside = [this](const std::string &event) { words_.play(event.substr(0, event.find(' '))); };
     const std::string log = sim::log_of([this] {
-        play("test");
+        words_.play("test");
         tavrik_indication_deregister();
         tavrik_ubus_deinit();
     });

@@ -1,20 +1,18 @@
 // Asynchronous requests, by the sends that are made of them: each ends once, in one way, and leaves nothing.
 #include "ril_call.h"
 #include "support/sim.h"
+#include "support/words.h"
 
 #include <atomic>
 #include <condition_variable>
 #include <functional>
-#include <future>
-#include <map>
-#include <mutex>
 #include <sys/resource.h>
 
 namespace {
 
 using nlohmann::json;
 
-const char *const kEnds[] = {"answered", "failed", "timed out", "aborted"};
+const char *const kEnds[] = {"", "failed", "late", "aborted"};
 
 // The sends of a test by number, and how they ended.
 std::mutex g_mutex;
@@ -27,7 +25,7 @@ void on_end(void *user, int status, int32_t resp) {
     if (g_inside)
         g_inside(number);
     const std::lock_guard lock(g_mutex);
-    g_ends.emplace(number, std::string(kEnds[-status]) + (status ? "" : " " + std::to_string(resp)));
+    g_ends.emplace(number, status ? kEnds[-status] : std::to_string(resp));
     g_changed.notify_all();
 }
 
@@ -39,13 +37,13 @@ int send(int number, int timeout_ms = 20000) {
     return Tavrik_SMS_SendMsg_AsyncEx(&message, timeout_ms, on_end, reinterpret_cast<void *>(intptr_t(number)));
 }
 
-// Those since the last call, once there are so many: "1 answered 0, 2 aborted".
+// Those since the last call, once there are so many: "1=38,2=aborted" for an answer and what is none.
 std::string ends(size_t count) {
     std::unique_lock lock(g_mutex);
     g_changed.wait_for(lock, std::chrono::seconds(90), [&] { return g_ends.size() >= count; });
     std::string all;
     for (const auto &[number, end] : std::exchange(g_ends, {}))
-        all += (all.empty() ? "" : ", ") + std::to_string(number) + " " + end;
+        all += (all.empty() ? "" : ",") + std::to_string(number) + "=" + end;
     return all;
 }
 
@@ -55,19 +53,23 @@ class Async : public testing::Test {
         sim::call("reset");
         Tavrik_Switch_Log_Mode(TAVRIK_LOG_STDOUT);
         EXPECT_EQ(send(0), 0);
-        EXPECT_EQ(ends(1), "0 answered 0");
+        EXPECT_EQ(ends(1), "0=0");
         tavrik_ubus_deinit();
         before_ = count_in("/proc/self/fd");
+        threads_ = count_in("/proc/self/task");
     }
     ~Async() override {
         g_inside = nullptr;
         tavrik_ubus_deinit();
         EXPECT_EQ(ends(0), "");
         EXPECT_EQ(count_in("/proc/self/fd"), before_);
+        for (int i = 0; i < 3000 && count_in("/proc/self/task") > threads_; i++)
+            usleep(10000);
+        EXPECT_EQ(count_in("/proc/self/task"), threads_);
         Tavrik_Switch_Log_Mode(TAVRIK_LOG_ANDROID);
         sim::call("reset");
     }
-    ptrdiff_t before_;
+    ptrdiff_t before_, threads_;
 };
 
 TEST_F(Async, Outcomes) {
@@ -81,15 +83,15 @@ TEST_F(Async, Outcomes) {
         const char *end;
         std::string log;
     } cases[] = {
-        {{}, 5000, "1 answered 0", ""},
-        {{}, 0, "1 answered 0", ""}, // the longest limit
-        {resp("38"), 5000, "1 answered 38", ""},
-        {resp(0), 5000, "1 failed", "sms_recv_send_msg_cb: resp is null\n"},
-        {{{"times", 2}}, 5000, "1 answered 0", ""},
-        {{{"times", 0}}, 5000, "1 failed", ""},
-        {{{"status", 6}, {"times", 0}}, 5000, "1 failed", invoke + "Permission denied\n"},
-        {{{"delay", 400}}, 100, "1 timed out", invoke + "Request timed out\n"},
-        {{{"drop", true}}, 500, "1 timed out", invoke + "Request timed out\n"},
+        {{}, 5000, "1=0", ""},
+        {{}, 0, "1=0", ""}, // the longest limit
+        {resp("38"), 5000, "1=38", ""},
+        {resp(0), 5000, "1=failed", "sms_recv_send_msg_cb: resp is null\n"},
+        {{{"times", 2}}, 5000, "1=0", ""},
+        {{{"times", 0}}, 5000, "1=failed", ""},
+        {{{"status", 6}, {"times", 0}}, 5000, "1=failed", invoke + "Permission denied\n"},
+        {{{"delay", 400}}, 100, "1=late", invoke + "Request timed out\n"},
+        {{{"drop", true}}, 500, "1=late", invoke + "Request timed out\n"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.fault);
@@ -107,43 +109,19 @@ TEST_F(Async, Outcomes) {
     }
 }
 
-// What cannot be sent calls nobody.
-TEST_F(Async, Refused) {
-    const std::string log = sim::log_of([] {
-        sim::call("fault", {{"service", "sms"}, {"stop", true}});
-        EXPECT_EQ(send(1), -1);
-        sim::call("fault", {{"service", "bus"}, {"stop", true}});
-        EXPECT_EQ(send(2, 1000), -1);
-    });
-    EXPECT_EQ(log, "send_async_message_core: Failed to lookup id: Not found\n"
-                   "send_async_message_core: Failed to connect to ubus\n");
-    EXPECT_EQ(Tavrik_SMS_SendMsg_AsyncEx(nullptr, 0, on_end, nullptr), -1);
-    EXPECT_EQ(Tavrik_SMS_SendPdu_AsyncEx("00", 0, nullptr, nullptr), -1);
-}
-
-TEST_F(Async, TheBusGoes) {
-    sim::fault("sms", "*", {{"drop", true}});
-    EXPECT_EQ(send(1), 0);
-    EXPECT_EQ(send(2), 0);
-    const std::string log = sim::log_of([] {
-        sim::call("fault", {{"service", "bus"}, {"stop", true}});
-        EXPECT_EQ(ends(2), "1 failed, 2 failed");
-    });
-    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 2) << log;
-    sim::call("reset");
-    EXPECT_EQ(send(3), 0);
-    EXPECT_EQ(ends(1), "3 answered 0");
-}
-
 // 200 at most are under way, to a service that is late, silent, says things twice and in any order.
 TEST_F(Async, Storm) {
     constexpr int kSends = 1000, kAtOnce = 200;
-    const std::pair<json, const char *> faults[] = {
-        {{{"drop", true}}, "timed out"}, {{{"delay", 300}}, "answered 0"},
-        {{{"times", 2}}, "answered 0"},  {{{"delay", 100}, {"times", 2}}, "answered 0"},
-        {{{"delay", 1}}, "answered 0"},  {{{"status", 9}, {"times", 0}}, "failed"},
-        {nullptr, "answered 0"},         {nullptr, "answered 0"},
-        {nullptr, "answered 0"},         {nullptr, "answered 0"}};
+    const std::pair<json, const char *> faults[] = {{{{"drop", true}}, "late"},
+                                                    {{{"delay", 300}}, "0"},
+                                                    {{{"times", 2}}, "0"},
+                                                    {{{"delay", 100}, {"times", 2}}, "0"},
+                                                    {{{"delay", 1}}, "0"},
+                                                    {{{"status", 9}, {"times", 0}}, "failed"},
+                                                    {nullptr, "0"},
+                                                    {nullptr, "0"},
+                                                    {nullptr, "0"},
+                                                    {nullptr, "0"}};
     std::multimap<int, std::string> expected;
     for (int i = 0; i < 10; i++)
         if (!faults[i].first.is_null())
@@ -192,80 +170,48 @@ TEST_F(Async, WithoutDescriptors) {
     EXPECT_EQ(results.back(), 'y');
 }
 
-TEST_F(Async, AStopWaitsForWhatIsUnderWay) {
-    sim::fault("sms", "*", {{"delay", 200}});
-    EXPECT_EQ(send(1), 0);
-    tavrik_ubus_thread_deinit();
-    EXPECT_EQ(ends(1), "1 answered 0");
-    EXPECT_EQ(send(2), 0); // and is revoked, or followed by a start
-    tavrik_ubus_thread_deinit();
-    EXPECT_EQ(send(3), 0);
-    EXPECT_EQ(ends(2), "2 answered 0, 3 answered 0");
-}
+// In words, see there; the callbacks are called as their sends.
+struct Case {
+    const char *what, *words, *log;
+};
 
-TEST_F(Async, DeinitAborts) {
-    sim::fault("sms", "*", {{"drop", true}});
-    EXPECT_EQ(send(1), 0);
-    EXPECT_EQ(send(2), 0);
-    g_inside = [](int number) { EXPECT_EQ(send(number + 10), -1); }; // not in the middle of the end
-    const std::string aborted = "send_async_message_core: asynchronous request aborted\n"
-                                "tavrik_ubus_thread_init: the loop thread is being stopped\n"
-                                "send_async_message_core: ubus_thread init failed!\n";
-    EXPECT_EQ(sim::log_of(tavrik_ubus_deinit), aborted + aborted);
-    EXPECT_EQ(ends(2), "1 aborted, 2 aborted");
-    sim::call("reset");
-    g_inside = nullptr;
-    EXPECT_EQ(send(3), 0);
-    EXPECT_EQ(ends(1), "3 answered 0");
-}
+const char kAborted[] = "send_async_message_core: asynchronous request aborted\n";
 
-// A callback may stop everything, which then ends behind it, and begin anew.
-TEST_F(Async, FromInsideACallback) {
-    sim::fault("sms", "sms.send 9", {{"drop", true}});
-    for (const bool again : {false, true}) {
-        g_inside = [again](int number) {
-            if (number != 1)
-                return;
-            tavrik_ubus_deinit();
-            tavrik_ubus_thread_deinit();
-            EXPECT_TRUE(answered(5, 3000));
-            if (again) {
-                EXPECT_EQ(tavrik_ubus_thread_init(), 0);
-                EXPECT_EQ(send(2), 0);
-            }
-        };
-        EXPECT_EQ(send(9), 0);
-        EXPECT_EQ(send(1), 0);
-        EXPECT_EQ(ends(again ? 3 : 2), again ? "1 answered 0, 2 answered 0, 9 aborted" : "1 answered 0, 9 aborted");
-        tavrik_ubus_deinit();
-    }
-}
+class InWords : public Async, public testing::WithParamInterface<Case> {
+  protected:
+    using Argument = Words::Argument;
+    Words words_{
+        GetParam().words,
+        {
+            {"send", [](Argument number) { EXPECT_EQ(send(std::stoi(number)), 0); }},
+            {"refuse", [](Argument number) { EXPECT_EQ(send(std::stoi(number), 1000), -1); }},
+            {"ends", [](Argument all) { EXPECT_EQ(ends(size_t(std::count(all.begin(), all.end(), '='))), all); }},
+            {"drop",
+             [](Argument number) {
+                 sim::fault("sms", "sms.send " + number, {{"drop", true}});
+             }},
+            {"late",
+             [](Argument number) {
+                 sim::fault("sms", "sms.send " + number, {{"delay", 200}});
+             }},
+            {"down",
+             [](Argument service) {
+                 sim::call("fault", {{"service", service}, {"stop", true}});
+             }},
+            {"reset", [](Argument) { sim::call("reset"); }},
+            {"stop", [](Argument) { tavrik_ubus_thread_deinit(); }},
+            {"start", [](Argument) { EXPECT_EQ(tavrik_ubus_thread_init(), 0); }},
+            {"deinit", [](Argument) { tavrik_ubus_deinit(); }},
+            {"patience", [](Argument) { EXPECT_GE(seconds_of(tavrik_ubus_deinit), 1.995); }},
+            {"call", [](Argument) { EXPECT_TRUE(answered(5, 3000)); }},
+        }};
+};
 
-// One that does not return holds up nobody for long.
-TEST_F(Async, LeftBehind) {
-    sim::fault("sms", "sms.send 9", {{"drop", true}});
-    std::promise<void> inside, release;
-    g_inside = [&](int number) {
-        if (number != 1)
-            return;
-        inside.set_value();
-        release.get_future().wait();
-    };
-    EXPECT_EQ(send(9), 0);
-    EXPECT_EQ(send(1), 0);
-    inside.get_future().wait();
-    double took = 0;
-    EXPECT_EQ(sim::log_of([&] { took = seconds_of(tavrik_ubus_deinit); }),
-              "tavrik_ubus_deinit: callback does not end, left behind\n");
-    EXPECT_GE(took, 1.995);
-    EXPECT_EQ(send(2), 0); // on another thread
-    EXPECT_EQ(ends(1), "2 answered 0");
-    const auto threads = count_in("/proc/self/task");
-    release.set_value();
-    EXPECT_EQ(ends(2), "1 answered 0, 9 aborted");
-    for (int i = 0; i < 3000 && count_in("/proc/self/task") >= threads; i++)
-        usleep(10000);
-    EXPECT_EQ(count_in("/proc/self/task"), threads - 1);
+TEST_P(InWords, case) {
+    SCOPED_TRACE(GetParam().what);
+    g_inside = [this](int number) { words_.play(std::to_string(number)); };
+    const std::string log = sim::log_of([this] { words_.play("test"); });
+    EXPECT_EQ(std::regex_replace(log, std::regex("invoke: .*"), "invoke:"), GetParam().log); // buses differ in why
 }
 
 // Starts, stops and sends in any order on several threads: what was under way ends once, whatever came between.
@@ -296,5 +242,27 @@ TEST_F(Async, StartAndStopWhileSending) {
         ended[end.first]++;
     EXPECT_EQ(ended, sent);
 }
+
+const Case kCases[] = {
+    {"the bus goes, and comes back",
+     "drop:1 drop:2 send:1 send:2 down:bus ends:1=failed,2=failed reset send:3 ends:3=0",
+     "send_async_message_core: Failed to ubus invoke:\nsend_async_message_core: Failed to ubus invoke:\n"},
+    {"what cannot be sent calls nobody", "down:sms refuse:1 down:bus refuse:2",
+     "send_async_message_core: Failed to lookup id: Not found\nsend_async_message_core: Failed to connect to ubus\n"},
+    {"a stop waits for what is under way, and is revoked, or followed by a start",
+     "late:1 late:2 send:1 stop ends:1=0 send:2 stop send:3 ends:2=0,3=0", ""},
+    {"the end aborts, and in its middle nothing starts",
+     "drop:1 send:1 deinit ends:1=aborted reset send:3 ends:3=0 | 1 refuse:11",
+     "send_async_message_core: asynchronous request aborted\ntavrik_ubus_thread_init: the loop thread is being "
+     "stopped\n"
+     "send_async_message_core: ubus_thread init failed!\n"},
+    {"a callback may end everything, which then ends behind it",
+     "drop:9 send:9 send:1 ends:1=0,9=aborted | 1 deinit stop call", kAborted},
+    {"and begin anew", "drop:9 send:9 send:1 ends:1=0,2=0,9=aborted | 1 deinit stop call start send:2", kAborted},
+    {"one that does not return holds up nobody for long; others run on another thread",
+     "drop:9 send:9 send:1 in? patience send:2 ends:2=0 out! ends:1=0,9=aborted | 1 in! out?",
+     "tavrik_ubus_deinit: callback does not end, left behind\nsend_async_message_core: asynchronous request aborted\n"},
+};
+INSTANTIATE_TEST_SUITE_P(, InWords, testing::ValuesIn(kCases));
 
 } // namespace
