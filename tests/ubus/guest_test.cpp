@@ -78,9 +78,10 @@ TEST(Guest, DISABLED_Victim) {
     Tavrik_Basic_Init(nullptr, nullptr);
     tavrik_ubus_thread_init();
     in_threads(3, [](unsigned thread) {
-        for (unsigned i = 0; thread < 2; i++)
-            answered(0x40000000u | thread << 20 | i % 1000, 3000);
-        for (; system("true") >= 0;)
+        unsigned i = 0;
+        while (thread < 2)
+            answered(0x40000000u | thread << 20 | i++ % 1000, 3000);
+        while (system("true") >= 0)
             usleep(5000);
         abort();
     });
