@@ -65,7 +65,7 @@ class Async : public testing::Test {
         EXPECT_EQ(count_in("/proc/self/fd"), before_);
         for (int i = 0; i < 3000 && count_in("/proc/self/task") > threads_; i++)
             usleep(10000);
-        EXPECT_EQ(count_in("/proc/self/task"), threads_);
+        EXPECT_LE(count_in("/proc/self/task"), threads_); // a thread that had connected may have been among them
         Tavrik_Switch_Log_Mode(TAVRIK_LOG_ANDROID);
         sim::call("reset");
     }
