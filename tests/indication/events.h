@@ -2,18 +2,13 @@
 #pragma once
 
 #include "core/fake_at_server.h"
-#include "tavrik_sdk.h"
-
-#include <gtest/gtest.h>
+#include "support/sim.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
 #include <functional>
 #include <mutex>
-#include <string>
-#include <sys/resource.h>
-#include <vector>
 
 namespace ind {
 
@@ -38,12 +33,20 @@ inline __attribute__((format(printf, 1, 2))) void note(const char *format, ...) 
     g_more.notify_all();
 }
 
-// The events since the last call, as soon as the last one is `last` (any number of them when that is empty).
+// The events since the last call, as soon as the last one starts with `last` (any number of them when that is empty).
 inline Texts events(const std::string &last = "") {
     std::unique_lock lock(g_mutex);
     g_more.wait_for(lock, std::chrono::seconds(20),
-                    [&] { return last.empty() || (!g_events.empty() && g_events.back() == last); });
+                    [&] { return last.empty() || (!g_events.empty() && g_events.back().find(last) == 0); });
     return std::exchange(g_events, {});
+}
+
+// Their first words.
+inline std::string names(const std::string &last = "") {
+    std::string all;
+    for (const std::string &event : events(last))
+        all += (all.empty() ? "" : ",") + event.substr(0, event.find(' '));
+    return all;
 }
 
 inline void on_sms(int event, void *data) {
@@ -53,7 +56,7 @@ inline void on_sms(int event, void *data) {
 }
 inline void on_call(const Tavrik_CallList *calls) {
     const Tavrik_Call &call = calls->calls[0];
-    note("call %d: %d %d %d %.32s", calls->count, call.call_id, call.direction, call.state, call.number);
+    note("call%d %d %d %d %.32s", calls->count, call.call_id, call.direction, call.state, call.number);
 }
 inline void on_data(const Tavrik_DataEvent *event) {
     note("data %u: %d %d %d %d %d %s", event->kind, event->cid, event->profile_idx, event->state, event->cause,
@@ -63,41 +66,30 @@ inline void on_ecall(int32_t value, const char *const *text) {
     note("ecall %d %s", value, *text ? *text : "(none)");
 }
 inline void on_network(const Tavrik_NwEvent *event) {
-    note("nw %u %x %x %x", event->state, event->source_access, event->area, event->cell);
+    note("nw%u %x %x %x", event->state, event->source_access, event->area, event->cell);
 }
 inline void on_sim(const Tavrik_SimEvent *event) {
-    note("sim %u %u: %d %d %d %s", event->kind, event->size, event->state, event->source, event->value, event->text);
+    note("sim%d %u %u %d %d %s", event->state, event->kind, event->size, event->source, event->value, event->text);
 }
 inline void on_cell(const void *event) {
-    if (*static_cast<const uint32_t *>(event) == 8) {
-        const auto &s = *static_cast<const Tavrik_SignalEvent *>(event);
-        note("signal %u: %u %u %u %u %u %u", s.size, s.rxlev, s.ber, s.rscp, s.ecno, s.rsrq, s.rsrp);
-        return;
-    }
+    const auto &s = *static_cast<const Tavrik_SignalEvent *>(event);
     const auto &c = *static_cast<const Tavrik_CellEvent *>(event);
-    note("cell %u %u: %d %u.%u/%u %x %x %u b%u w%u p%u %d %d %d", c.kind, c.size, c.act, c.mcc, c.mnc, c.mnc_digits,
-         c.area, c.cell, c.arfcn, c.band, c.bandwidth, c.phys_id, c.level, c.quality, c.sinr);
+    if (s.kind == 8)
+        note("signal %u: %u %u %u %u %u %u", s.size, s.rxlev, s.ber, s.rscp, s.ecno, s.rsrq, s.rsrp);
+    else
+        note("cell %u %u: %d %u.%u/%u %x %x %u b%u w%u p%u %d %d %d", c.kind, c.size, c.act, c.mcc, c.mnc, c.mnc_digits,
+             c.area, c.cell, c.arfcn, c.band, c.bandwidth, c.phys_id, c.level, c.quality, c.sinr);
 }
 
-inline const Tavrik_IndicationCb kCallbacks[] = {
-    reinterpret_cast<Tavrik_IndicationCb>(on_sms),     reinterpret_cast<Tavrik_IndicationCb>(on_call),
-    reinterpret_cast<Tavrik_IndicationCb>(on_data),    reinterpret_cast<Tavrik_IndicationCb>(on_ecall),
-    reinterpret_cast<Tavrik_IndicationCb>(on_network), reinterpret_cast<Tavrik_IndicationCb>(on_sim),
-    reinterpret_cast<Tavrik_IndicationCb>(on_cell),
-};
+template <class Callback>
+Tavrik_IndicationCb any(Callback callback) {
+    return reinterpret_cast<Tavrik_IndicationCb>(callback);
+}
+inline const Tavrik_IndicationCb kCallbacks[] = {any(on_sms),     any(on_call), any(on_data), any(on_ecall),
+                                                 any(on_network), any(on_sim),  any(on_cell)};
 
 inline int add(int category) {
     return tavrik_indication_register(category, kCallbacks[category]);
-}
-
-// What the library logs meanwhile, on any thread.
-inline std::string logged(const std::function<void()> &run) {
-    Tavrik_Switch_Log_Mode(TAVRIK_LOG_STDOUT);
-    testing::internal::CaptureStdout();
-    run();
-    fflush(stdout);
-    Tavrik_Switch_Log_Mode(TAVRIK_LOG_ANDROID);
-    return testing::internal::GetCapturedStdout();
 }
 
 inline size_t count(const std::string &text, const std::string &part) {
@@ -107,28 +99,16 @@ inline size_t count(const std::string &text, const std::string &part) {
     return found;
 }
 
-// Meanwhile this process gets no descriptor from `limit` on: with 3 none at all, whatever other threads close.
-class FewDescriptors {
-  public:
-    explicit FewDescriptors(int limit) {
-        getrlimit(RLIMIT_NOFILE, &before_);
-        const rlimit few = {rlim_t(limit), before_.rlim_max};
-        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
-    }
-    ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
-
-  private:
-    rlimit before_;
-};
-
 // A case starts and ends with nothing registered.
 class Indication : public testing::Test {
   protected:
     static constexpr char kPath[] = "/tmp/atcmdsdkind";
 
+    explicit Indication(int backlog = 8) : server(backlog, kPath) { Tavrik_Switch_Log_Mode(TAVRIK_LOG_STDOUT); }
     ~Indication() override {
         tavrik_indication_deregister();
         EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_NONE);
+        Tavrik_Switch_Log_Mode(TAVRIK_LOG_ANDROID);
         g_inside = nullptr;
         events();
     }
@@ -138,8 +118,14 @@ class Indication : public testing::Test {
             ASSERT_EQ(add(category), 0);
         ASSERT_TRUE(server.accept_client());
     }
+    // Has the library closed the connection?
+    bool closed() const {
+        char byte;
+        pollfd end = {server.client(), POLLIN, 0};
+        return poll(&end, 1, 20000) == 1 && recv(end.fd, &byte, 1, 0) == 0;
+    }
 
-    FakeAtServer server{8, kPath};
+    FakeAtServer server;
 };
 
 } // namespace ind

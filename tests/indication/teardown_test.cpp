@@ -1,12 +1,15 @@
 // Deregistering while callbacks run: what waits for what, and what does not.
 #include "indication/events.h"
+#include "support/descriptors.h"
+#include "support/words.h"
 
 extern "C" {
 #include <libubox/uloop.h>
 }
 
 #include <atomic>
-#include <future>
+#include <random>
+#include <sstream>
 #include <sys/wait.h>
 #include <thread>
 
@@ -16,372 +19,231 @@ extern "C" const char *__tsan_default_options() {
 }
 
 using namespace ind;
-using namespace std::chrono_literals;
 
 namespace {
 
-int64_t now_ms() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
-// Milliseconds that a call takes.
-template <class Call>
-int64_t duration(Call call) {
-    const int64_t start = now_ms();
-    call();
-    return now_ms() - start;
-}
-
-class Event {
-  public:
-    void set() { promise_.set_value(); }
-    void wait() { EXPECT_EQ(future_.wait_for(20s), std::future_status::ready); }
-
-  private:
-    std::promise<void> promise_;
-    std::shared_future<void> future_ = promise_.get_future().share();
+// In words, see there. Lines are called as the events that come of them, and so are the callbacks.
+struct Case {
+    const char *what, *words;
 };
 
-class Teardown : public Indication {};
+const Case kCases[] = {
+    {"a running callback is waited for", "open send:nw1,nw2 in? nw out. line:nw3 got:nw1 | nw1 in! sleep:200 out!"},
+    {"so it is with everything else", "open send:nw1,nw2 in? all out. line:nw3 got:nw1 | nw1 in! sleep:200 out!"},
+    {"it may end itself", "open send:nw1,nw2,sim1 got:nw1,sim1 | nw1 nw"},
+    {"it may end everything and begin anew, and what comes then waits for its end",
+     "open send:sim2,sim1 accept send:nw1 got:sim2,nw1 | sim2 all state:0 add:4 state:1 sleep:100"},
+    {"the last one may end itself", "add:4 accept send:nw2,nw3 got:nw2 state:0 | nw2 uim"},
+    {"behind one that hangs the others go on over the same connection; it delivers nothing more, nor is it waited for",
+     "open send:nw1,nw2,call1,sim1,half in? nw:late got:call1,sim1 nw add:6 send:nw3,sim2 got:sim2 out! back? got:nw1 "
+     "send:nw4,sim1 got:sim1 | nw1 in! out? nw line:sim3 back!"},
+    {"one that hangs when everything ends keeps no connection",
+     "open send:nw1,nw2,sim1 in? all:late got: state:0 closed add:5 accept send:nw3,sim2 got:sim2 out! back? got:nw1 "
+     "send:nw4,sim1 got:sim1 | nw1 in! out? nw line:sim3 back!"},
+    {"where no thread can take its place nothing runs, until somebody registers again",
+     "open send:nw1,sim1 in? nw:alone state:0 closed add:5 accept send:sim2 got:sim2 out! got:nw1 | nw1 in! out?"},
+    {"one that reported a line itself, and hangs in that, is left behind as a whole",
+     "open send:nw1,call1 in? uim:late got:call1 out! got:sim1,nw1 | nw1 line:sim1 | sim1 in! out?"},
+    {"two may end each other", "open send:nw1 line:sim1 end? | nw1 n! s? uim nw_done! sim_done? end! | "
+                               "sim1 s! n? nw sim_done! nw_done?"},
+    {"two may end everything", "open send:nw1 line:sim1 end? | nw1 n! s? all nw_done! sim_done? end! | "
+                               "sim1 s! n? all sim_done! nw_done?"},
+    {"one waits for the end of the loop thread, which ends the callback's family",
+     "add:4 accept loop send:nw1 end? | nw1 n! l? sms end! | loop l! n? sleep:100 all"},
+    {"and the other way round",
+     "add:4 add:5 add:6 accept loop send:nw1 end? | nw1 n! l? sleep:100 sms end! | loop l! n? nw"},
+    {"a registration that still waits for the server starts no thread when everything is removed",
+     "full thread sleep:100 all accept accept join state:0 | thread add:5"},
+    {"one that was registered meanwhile is not waited for",
+     "open send:nw1 in? thread nw ended! join | nw1 in! next? | thread free add:4 line:nw2 | nw2 next! ended?"},
+    {"a child has no thread and no part in the connection, and can begin anew",
+     "open send:nw1 got:nw1 fork send:nw2 got:nw2 all closed child | fork state:0 all go | anew add:5 state:1 uim "
+     "state:0"},
+    {"so has one that was forked in a callback", "open send:sim1,nw1 got:sim1,nw1 all closed child | sim1 fork | fork "
+                                                 "state:0 all go | anew add:5 state:1 uim state:0"},
+};
 
-TEST_F(Teardown, waits_for_a_running_callback) {
-    for (const bool everything : {false, true}) {
-        add_all();
-        Event inside;
-        std::atomic<bool> ended{false};
-        g_inside = [&](const std::string &) {
-            inside.set();
-            usleep(200000);
-            ended = true;
-        };
-        server.answer("+CREG: 1\r\n+CREG: 2\r\n");
-        inside.wait();
-        EXPECT_EQ(everything ? tavrik_indication_deregister() : tavrik_indication_nwderegister(), 0);
-        EXPECT_TRUE(ended);
-        g_inside = nullptr;
-        on_at_indication_report("+CREG: 3");
-        EXPECT_EQ(events(), Texts{"nw 1 1f 0 0"});
-        tavrik_indication_deregister();
+class Teardown : public Indication, public testing::WithParamInterface<Case> {
+  protected:
+    Teardown() : Indication(0) {}
+    static std::string lines(const std::string &names) {
+        static const char *const kCards[] = {"READY", "SIM PIN", "SIM PUK"};
+        std::string text, name;
+        for (std::istringstream all(names); std::getline(all, name, ',');)
+            text += name[0] == 'n'   ? "+CREG: " + name.substr(2) + "\r\n"
+                    : name[0] == 's' ? std::string("+CPIN: ") + kCards[name[3] - '1'] + "\r\n"
+                    : name[0] == 'c' ? "+CLCC: 1,0,0,0,0\r\n"
+                                     : "+CPIN: RE";
+        return text;
     }
-}
-
-// A callback may end its own registration, or everything, and begin anew.
-TEST_F(Teardown, inside_the_callback) {
-    add_all();
-    g_inside = [](const std::string &event) {
-        if (event[0] == 'n')
-            tavrik_indication_nwderegister();
-    };
-    server.answer("+CREG: 1\r\n+CREG: 2\r\n+CPIN: READY\r\n");
-    EXPECT_EQ(events("sim 6 64: 1 1 -2147483648 READY").size(), 2u);
-
-    g_inside = [](const std::string &event) {
-        if (event[0] != 's')
-            return;
-        tavrik_indication_deregister();
-        EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_NONE);
-        EXPECT_EQ(add(TAVRIK_IND_NETWORK), 0);
-        EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_CONNECTED);
-        usleep(100000); // the new thread's callbacks wait for this one
-    };
-    server.answer("+CPIN: SIM PIN\r\n+CPIN: READY\r\n");
-    ASSERT_TRUE(server.accept_client());
-    server.answer("+CREG: 1\r\n");
-    EXPECT_EQ(events("nw 1 1f 0 0"), (Texts{"sim 6 64: 2 1 -2147483648 SIM PIN", "nw 1 1f 0 0"}));
-
-    g_inside = [](const std::string &) { tavrik_indication_uimderegister(); }; // the last one
-    server.answer("+CREG: 2\r\n+CREG: 3\r\n");
-    EXPECT_EQ(events("nw 2 1f 0 0"), Texts{"nw 2 1f 0 0"});
-    EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_NONE);
-}
-
-TEST_F(Teardown, left_behind) {
-    for (const bool everything : {false, true}) {
-        add_all();
-        Event inside, release, back;
-        g_inside = [&](const std::string &event) {
-            if (event[0] != 'n')
-                return;
-            inside.set();
-            release.wait();
-            EXPECT_EQ(tavrik_indication_nwderegister(), 0); // nothing to wait for
-            on_at_indication_report("+CPIN: SIM PUK");      // delivers nothing more
-            back.set();
-        };
-        server.answer("+CREG: 1\r\n+CREG: 2\r\n+CLCC: 1,0,0,0,0\r\n+CPIN: READY\r\n+CPIN: RE");
-        inside.wait();
-        int64_t took = 0;
-        const std::string log = logged(
-            [&] { took = duration(everything ? tavrik_indication_deregister : tavrik_indication_nwderegister); });
-        EXPECT_GE(took, 1995);
-        EXPECT_EQ(count(log, "callback does not end, left behind\n"), 1u) << log;
-        if (everything) {
-            EXPECT_EQ(events(), Texts());
-            EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_NONE);
-            char byte;
-            EXPECT_EQ(recv(server.client(), &byte, 1, 0), 0); // the connection does not hang on
-            ASSERT_EQ(add(TAVRIK_IND_SIM), 0);
-            ASSERT_TRUE(server.accept_client());
-        } else {
-            // the others go on behind the line that hangs, over the same connection
-            EXPECT_EQ(events("sim 6 64: 1 1 -2147483648 READY"),
-                      (Texts{"call 1: 1 1 3 ", "sim 6 64: 1 1 -2147483648 READY"}));
-            EXPECT_LT(duration(tavrik_indication_nwderegister), 1000); // not waited for again
-            ASSERT_EQ(add(TAVRIK_IND_CELL), 0);
-        }
-        server.answer("+CREG: 3\r\n+CPIN: SIM PIN\r\n");
-        EXPECT_EQ(events("sim 6 64: 2 1 -2147483648 SIM PIN").size(), 1u);
-        release.set();
-        back.wait();
-        EXPECT_EQ(events("nw 1 1f 0 0").size(), 1u); // the callback's own end
-        server.answer("+CREG: 4\r\n+CPIN: READY\r\n");
-        EXPECT_EQ(events("sim 6 64: 1 1 -2147483648 READY").size(), 1u);
-        g_inside = nullptr;
-        tavrik_indication_deregister();
+    // "late": that leaves a callback behind, not before its time; "alone": with no descriptor free.
+    static void deregister(int (*function)(), const std::string &how) {
+        const NoDescriptors none(how == "alone");
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(function(), 0);
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(how.empty() ? 0 : 1995));
     }
-}
-
-// The thread that is left behind cannot be replaced: nothing runs, until somebody registers again.
-TEST_F(Teardown, left_behind_without_a_successor) {
-    add_all();
-    Event inside, release, back;
-    g_inside = [&](const std::string &event) {
-        if (event[0] != 'n')
-            return;
-        inside.set();
-        release.wait();
-        back.set();
-    };
-    server.answer("+CREG: 1\r\n+CPIN: READY\r\n");
-    inside.wait();
-    const std::string log = logged([] {
-        const FewDescriptors none(3);
-        EXPECT_EQ(tavrik_indication_nwderegister(), 0);
-    });
-    EXPECT_EQ(count(log, "callback does not end, left behind\n"), 1u) << log;
-    EXPECT_EQ(count(log, "no indication thread for the other callbacks\n"), 1u) << log;
-    EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_NONE);
-    char byte;
-    EXPECT_EQ(recv(server.client(), &byte, 1, MSG_DONTWAIT), 0);
-    EXPECT_EQ(add(TAVRIK_IND_SIM), 0);
-    ASSERT_TRUE(server.accept_client());
-    server.answer("+CPIN: SIM PIN\r\n");
-    EXPECT_EQ(events("sim 6 64: 2 1 -2147483648 SIM PIN").size(), 1u);
-    release.set();
-    back.wait();
-    EXPECT_EQ(events("nw 1 1f 0 0").size(), 1u);
-}
-
-// Two callbacks on two threads, each of which ends the other's registration, and stays until both have done it.
-TEST_F(Teardown, of_each_other) {
-    for (const bool everything : {false, true}) {
-        add_all();
-        Event network_inside, sim_inside, network_done, sim_done, network_ended;
-        std::atomic<int64_t> longest{0};
-        g_inside = [&](const std::string &event) {
-            const bool network = event[0] == 'n';
-            (network ? network_inside : sim_inside).set();
-            (network ? sim_inside : network_inside).wait();
-            const int64_t took = duration(everything ? tavrik_indication_deregister
-                                          : network  ? tavrik_indication_uimderegister
-                                                     : tavrik_indication_nwderegister);
-            longest = std::max(longest.load(), took);
-            (network ? network_done : sim_done).set();
-            (network ? sim_done : network_done).wait();
-            if (network)
-                network_ended.set();
-        };
-        server.answer("+CREG: 1\r\n");
-        std::thread other([] { on_at_indication_report("+CPIN: READY"); });
-        other.join();
-        network_ended.wait();
-        EXPECT_LT(longest, 1500);
-        g_inside = nullptr;
-        tavrik_indication_deregister();
-    }
-}
-
-// A callback ends the last registration, and so waits for the loop thread's end, while that ends the callback's family.
-std::function<void()> g_on_loop;
-
-TEST_F(Teardown, with_the_loop_thread) {
-    for (const bool loop_first : {false, true}) {
-        ASSERT_EQ(add(TAVRIK_IND_NETWORK), 0);
-        if (loop_first) { // two for the loop thread, one for the callback
-            ASSERT_EQ(add(TAVRIK_IND_CELL), 0);
-            ASSERT_EQ(add(TAVRIK_IND_SIM), 0);
-        }
-        ASSERT_TRUE(server.accept_client());
-        Event callback_inside, loop_inside, ended;
-        int64_t took = 0, loop_took = 0;
-        g_on_loop = [&] {
-            loop_inside.set();
-            callback_inside.wait();
-            usleep(loop_first ? 0 : 100000);
-            loop_took = duration(loop_first ? tavrik_indication_nwderegister : tavrik_indication_deregister);
-        };
-        g_inside = [&](const std::string &) {
-            callback_inside.set();
-            loop_inside.wait();
-            usleep(loop_first ? 100000 : 0);
-            took = duration(tavrik_indication_smsderegister);
-            ended.set();
-        };
-        uloop_timeout timeout = {};
-        timeout.cb = [](uloop_timeout *) { g_on_loop(); };
+    void start_loop() {
+        static Teardown *test;
+        test = this;
+        timer_.cb = [](uloop_timeout *) { test->words_.play("loop"); };
         ASSERT_EQ(tavrik_ubus_init(), 0);
         tavrik_ubus_lock();
-        uloop_timeout_set(&timeout, 0);
+        uloop_timeout_set(&timer_, 0);
         tavrik_ubus_unlock();
         ASSERT_EQ(tavrik_ubus_thread_init(), 0);
-        server.answer("+CREG: 1\r\n");
-        ended.wait();
+    }
+    void fork_child() {
+        ASSERT_EQ(pipe(hold_), 0);
+        if ((child_ = fork()))
+            return;
+        close(hold_[1]);
+        words_.play("fork");
+        if (!getenv("TAVRIK_EMULATOR")) // it has no threads in a child
+            words_.play("anew");
+        _exit(HasFailure());
+    }
+    void end_child() {
+        close(hold_[0]);
+        close(hold_[1]);
+        int status;
+        EXPECT_EQ(waitpid(child_, &status, 0), child_);
+        EXPECT_EQ(status, 0);
+    }
+
+    using Argument = Words::Argument;
+    Words words_{
+        GetParam().words,
+        {
+            {"open", [this](Argument) { add_all(); }},
+            {"accept", [this](Argument) { EXPECT_TRUE(server.accept_client()); }},
+            {"closed", [this](Argument) { EXPECT_TRUE(closed()); }},
+            {"send", [this](Argument names) { server.answer(lines(names)); }},
+            {"line", [](Argument name) { at_indication_data_handler(lines(name).data(), int(lines(name).size())); }},
+            {"got", [](Argument all) { EXPECT_EQ(names(all.substr(all.rfind(',') + 1)), all); }},
+            {"add", [](Argument category) { EXPECT_EQ(add(std::stoi(category)), 0); }},
+            {"state", [](Argument state) { EXPECT_EQ(Tavrik_Indication_State(), std::stoi(state)); }},
+            {"nw", [](Argument how) { deregister(tavrik_indication_nwderegister, how); }},
+            {"uim", [](Argument how) { deregister(tavrik_indication_uimderegister, how); }},
+            {"sms", [](Argument how) { deregister(tavrik_indication_smsderegister, how); }},
+            {"all", [](Argument how) { deregister(tavrik_indication_deregister, how); }},
+            {"sleep", [](Argument ms) { usleep(unsigned(std::stoi(ms)) * 1000); }},
+            {"loop", [this](Argument) { start_loop(); }},
+            {"thread", [this](Argument) { thread_ = std::thread([this] { words_.play("thread"); }); }},
+            {"join", [this](Argument) { thread_.join(); }},
+            {"full", [](Argument) { EXPECT_GE(at_socket_init(kPath), 0); }}, // so is the backlog now
+            {"fork", [this](Argument) { fork_child(); }},
+            {"child", [this](Argument) { end_child(); }},
+            {"go", [this](Argument) { EXPECT_EQ(read(hold_[0], hold_, 1), 0); }}, // the parent has done its part
+            {"free",
+             [](Argument) {
+                 for (; on_at_indication_report("+CREG: 9"), !events().empty();)
+                     usleep(100);
+             }},
+        }};
+    std::thread thread_;
+    uloop_timeout timer_ = {};
+    int hold_[2];
+    pid_t child_ = -1;
+};
+
+TEST_P(Teardown, in_words) {
+    SCOPED_TRACE(GetParam().what);
+    g_inside = [this](const std::string &event) { words_.play(event.substr(0, event.find(' '))); };
+    const std::string log = sim::log_of([this] {
+        words_.play("test");
         tavrik_indication_deregister();
         tavrik_ubus_deinit();
-        EXPECT_LT(took, 1500);
-        EXPECT_LT(loop_took, 1500);
+    });
+    const size_t alone = count(GetParam().words, ":alone");
+    EXPECT_EQ(count(log, ": callback does not end, left behind\n"), count(GetParam().words, ":late") + alone) << log;
+    EXPECT_EQ(count(log, ": no indication thread for the other callbacks\n"), alone) << log;
+}
+
+INSTANTIATE_TEST_SUITE_P(, Teardown, testing::ValuesIn(kCases));
+
+// Each family belongs to one thread, which alone registers it; anybody deregisters it. While its owner holds it for
+// deregistered nothing of it may run.
+struct Family {
+    const char *event; // how it starts
+    int category;
+    int (*deregister)(void);
+    std::atomic<bool> may_run{false};
+} g_families[] = {{"sms", TAVRIK_IND_SMS, tavrik_indication_smsderegister},
+                  {"call", TAVRIK_IND_VOICE, tavrik_indication_voicecallderegister},
+                  {"data", TAVRIK_IND_DATA, tavrik_indication_datacallderegister},
+                  {"nw", TAVRIK_IND_NETWORK, tavrik_indication_nwderegister},
+                  {"sim", TAVRIK_IND_SIM, tavrik_indication_uimderegister}};
+std::atomic<int> g_calls, g_late, g_rounds;
+
+unsigned random_below(unsigned limit) {
+    static thread_local std::minstd_rand random(std::random_device{}());
+    return unsigned(random()) % limit;
+}
+
+void inside(const std::string &event) {
+    for (const Family &family : g_families) {
+        if (event.find(family.event) != 0)
+            continue;
+        ++g_calls;
+        g_late += !family.may_run;
+        if (random_below(8) == 0)
+            g_families[random_below(5)].deregister();
+        if (random_below(50) == 0)
+            tavrik_indication_deregister();
+        if (random_below(20) == 0)
+            add(TAVRIK_IND_ECALL);
+        if (random_below(20) == 0)
+            tavrik_ubus_thread_init();
+        char answer[TAVRIK_AT_RESPONSE_SIZE];
+        if (random_below(10) == 0)
+            Tavrik_AT_Send("AT+ECHO=1", "OK", answer, sizeof answer, 2000);
+        Tavrik_Indication_State();
+        g_late += !family.may_run; // the owner cannot have come back meanwhile
     }
 }
 
-// A callback registered meanwhile is none of those that a deregistration waits for, however long it takes.
-Event *g_next_inside, *g_deregistered;
-
-TEST_F(Teardown, does_not_wait_for_the_next_registration) {
-    add_all();
-    Event inside, next_inside, deregistered;
-    g_next_inside = &next_inside;
-    g_deregistered = &deregistered;
-    g_inside = [&](const std::string &event) {
-        if (event != "nw 1 1f 0 0")
-            return;
-        inside.set();
-        next_inside.wait();
-    };
-    server.answer("+CREG: 1\r\n");
-    inside.wait();
-    std::thread next([&] {
-        static std::atomic<bool> ran;
-        for (ran = false; !ran; usleep(100)) { // ignored, and the old one called, while that has its place
-            tavrik_indication_register(TAVRIK_IND_NETWORK,
-                                       reinterpret_cast<Tavrik_IndicationCb>(+[](const Tavrik_NwEvent *) {
-                                           ran = true;
-                                           g_next_inside->set();
-                                           g_deregistered->wait();
-                                       }));
-            on_at_indication_report("+CREG: 2");
-        }
-    });
-    int64_t took = 0;
-    const std::string log = logged([&] { took = duration(tavrik_indication_nwderegister); });
-    deregistered.set();
-    next.join();
-    EXPECT_LT(took, 1500);
-    EXPECT_EQ(count(log, "left behind"), 0u) << log;
-}
-
-// A callback that reports a line itself, and hangs in that: its thread is left behind as a whole.
-TEST_F(Teardown, left_behind_inside_another) {
-    add_all();
-    Event inside, release;
-    g_inside = [&](const std::string &event) {
-        if (event[0] == 'n') {
-            on_at_indication_report("+CPIN: READY");
-        } else if (event[0] == 's') {
-            inside.set();
-            release.wait();
-        }
-    };
-    server.answer("+CREG: 1\r\n+CLCC: 1,0,0,0,0\r\n");
-    inside.wait();
-    EXPECT_EQ(tavrik_indication_uimderegister(), 0);
-    EXPECT_EQ(events("call 1: 1 1 3 "), Texts{"call 1: 1 1 3 "});
-    release.set();
-    EXPECT_EQ(events("nw 1 1f 0 0").size(), 2u);
-}
-
-// Everything is removed while a registration still waits for the server: no thread is left over.
-TEST_F(Teardown, while_connecting) {
-    FakeAtServer busy(0, kPath);
-    const int first = at_socket_init(kPath); // fills the backlog
-    Event registering;
-    std::thread other([&] {
-        registering.set();
-        EXPECT_EQ(add(TAVRIK_IND_SIM), 0);
-    });
-    registering.wait();
-    usleep(100000);
-    EXPECT_LT(duration(tavrik_indication_deregister), 1000);
-    ASSERT_TRUE(busy.accept_client());
-    other.join();
-    at_socket_deinit(first);
-    EXPECT_EQ(Tavrik_Indication_State(), TAVRIK_INDICATION_NONE);
-}
-
-// A child of the process has no indication thread and no part in its parent's connection, and can begin anew.
-TEST_F(Teardown, in_a_child) {
-    for (const bool in_callback : {false, true}) {
-        add_all();
-        int hold[2];
-        ASSERT_EQ(pipe(hold), 0);
-        pid_t child = -1;
-        const bool threads_in_child = !getenv("TAVRIK_EMULATOR"); // an emulator has none there
-        const auto fork_child = [&] {
-            child = fork();
-            if (child)
-                return;
-            close(hold[1]);
-            bool good = Tavrik_Indication_State() == TAVRIK_INDICATION_NONE && tavrik_indication_deregister() == 0;
-            char byte;
-            good &= read(hold[0], &byte, 1) == 1; // the parent has done its part
-            if (threads_in_child) {
-                good &= add(TAVRIK_IND_SIM) == 0 && Tavrik_Indication_State() == TAVRIK_INDICATION_CONNECTED;
-                good &= tavrik_indication_uimderegister() == 0;
+TEST_F(Indication, storm) {
+    Tavrik_AT_Init();
+    g_inside = inside;
+    const std::string log = sim::log_of([&] {
+        std::vector<std::thread> threads;
+        std::atomic<bool> done{false};
+        threads.emplace_back([&] {
+            const std::string lines =
+                "+CREG: 1\r\n+CPIN: READY\r\n+CLCC: 1,0,0,0,0\r\n+ZCONSTAT: 1,1\r\n*ECALLDATA: 1\r\n"
+                "+CMT: ,24\r\n07911326040000F0040B911346610089F60000208062917314080CC8F71D14969741F977FD07\r\n";
+            while (!done) {
+                pollfd waiting = {server.listener(), POLLIN, 0};
+                if (poll(&waiting, 1, 1) > 0)
+                    server.accept_client();
+                if (server.client() >= 0)
+                    send(server.client(), lines.data(), lines.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
             }
-            good &= Tavrik_Indication_State() == TAVRIK_INDICATION_NONE;
-            _exit(good ? 0 : 1);
-        };
-        g_inside = [&](const std::string &event) {
-            if (event[0] == 's')
-                fork_child();
-        };
-        if (in_callback)
-            server.answer("+CPIN: READY\r\n");
-        else
-            fork_child();
-        server.answer("+CREG: 1\r\n");
-        events("nw 1 1f 0 0");
-        close(hold[0]);
+        });
+        for (Family &family : g_families)
+            threads.emplace_back([&] {
+                for (; !done; ++g_rounds) {
+                    family.may_run = true;
+                    add(family.category);
+                    usleep(random_below(3000));
+                    random_below(10) ? family.deregister() : tavrik_indication_deregister();
+                    family.may_run = false;
+                    usleep(random_below(1000));
+                }
+            });
+        sleep(3);
+        done = true;
+        for (std::thread &thread : threads)
+            thread.join();
         tavrik_indication_deregister();
-        pollfd end = {server.client(), POLLIN, 0};
-        char byte;
-        EXPECT_EQ(poll(&end, 1, 20000), 1);
-        EXPECT_EQ(recv(server.client(), &byte, 1, MSG_DONTWAIT), 0);
-        EXPECT_EQ(write(hold[1], "", 1), 1);
-        close(hold[1]);
-        int status;
-        EXPECT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_EQ(status, 0);
-        if (threads_in_child) {
-            ASSERT_TRUE(server.accept_client());
-        }
-    }
-}
-
-TEST_F(Teardown, starts_again) {
-    for (int round = 0; round < 200; ++round) {
-        add_all();
-        server.answer("+CREG: 1\r\n");
-        ASSERT_EQ(events("nw 1 1f 0 0").size(), 1u);
-        const bool hang_up = round % 20 == 0;
-        if (hang_up)
-            server.hang_up();
-        tavrik_indication_deregister();
-        if (!hang_up) {
-            char byte;
-            ASSERT_EQ(recv(server.client(), &byte, 1, 0), 0); // its end of the connection is closed
-        }
-    }
+        tavrik_ubus_deinit();
+    });
+    EXPECT_EQ(g_late, 0);
+    EXPECT_EQ(count(log, "left behind"), 0u);
+    EXPECT_GT(g_calls, 100);
+    EXPECT_GT(g_rounds, 100);
+    Tavrik_AT_Deinit();
 }
 
 } // namespace

@@ -3,12 +3,10 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <atomic>
+#include <condition_variable>
 #include <cstring>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <list>
-#include <poll.h>
+#include <mutex>
 #include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -20,17 +18,20 @@ class FreezingProxy {
   public:
     // Takes the daemon's place at `path` until its end.
     explicit FreezingProxy(const std::string &path) : path_(path), real_(path + ".real") {
-        if (rename(path_.c_str(), real_.c_str()))
-            ADD_FAILURE() << path_ << ": " << strerror(errno);
-        listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        const sockaddr_un address = name(path_);
-        if (bind(listener_, reinterpret_cast<const sockaddr *>(&address), sizeof address) || listen(listener_, 64))
-            ADD_FAILURE() << path_ << ": " << strerror(errno);
-        thread_ = std::thread([this] { run(); });
+        EXPECT_EQ(rename(path_.c_str(), real_.c_str()), 0);
+        EXPECT_EQ(open(path_, bind, listener_), 0);
+        EXPECT_EQ(listen(listener_, 64), 0);
+        acceptor_ = std::thread([this] {
+            std::vector<std::thread> relays;
+            for (int client; (client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;)
+                relays.emplace_back([this, client] { relay(client); });
+            for (std::thread &relay : relays)
+                relay.join();
+        });
     }
     ~FreezingProxy() {
-        stop_ = true;
-        thread_.join();
+        shutdown(listener_, SHUT_RDWR);
+        acceptor_.join();
         close(listener_);
         rename(real_.c_str(), path_.c_str());
     }
@@ -39,119 +40,75 @@ class FreezingProxy {
 
     // The next connection freezes everything once `whole` messages, and half of one more if asked, have passed.
     void freeze_after(int whole, bool half) {
-        half_ = half;
+        const std::lock_guard lock(mutex_);
         whole_ = whole;
+        half_ = half;
     }
-    void thaw() {
+    // Were they frozen?
+    bool thaw() {
+        const std::lock_guard lock(mutex_);
         whole_ = -1;
-        frozen_ = false;
+        thawed_.notify_all();
+        return std::exchange(frozen_, false);
     }
-    bool frozen() const { return frozen_; }
 
   private:
-    struct Relay {
-        int client, daemon;
-        std::string pending; // of the daemon's stream
-        int passed = 0;
-    };
-
-    static sockaddr_un name(const std::string &path) {
+    static int open(const std::string &path, int (*use)(int, const sockaddr *, socklen_t), int &fd) {
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
         strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-        return address;
+        fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        return use(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+    }
+    static bool forward(int to, const char *bytes, size_t length) {
+        return send(to, bytes, length, MSG_NOSIGNAL) == ssize_t(length);
+    }
+    void wait(std::unique_lock<std::mutex> &lock) {
+        thawed_.wait(lock, [this] { return !frozen_; });
     }
 
-    void accept_one() {
-        const int client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (client < 0)
-            return;
-        const int daemon = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const sockaddr_un address = name(real_);
-        if (connect(daemon, reinterpret_cast<const sockaddr *>(&address), sizeof address)) {
-            close(client);
-            close(daemon);
-            return;
-        }
-        relays_.push_back({client, daemon, {}, 0});
-    }
-
-    // Passes on the daemon's whole messages up to the place where all stops.
-    void pass(Relay &relay) {
-        while (!frozen_ && relay.pending.size() >= 12) {
+    void relay(int client) {
+        int daemon;
+        const bool connected = open(real_, connect, daemon) == 0;
+        std::thread requests([&] {
+            char chunk[65536];
+            for (ssize_t n; connected && (n = read(client, chunk, sizeof chunk)) > 0;) {
+                std::unique_lock lock(mutex_);
+                wait(lock);
+                if (!forward(daemon, chunk, size_t(n)))
+                    break;
+            }
+            shutdown(daemon, SHUT_RDWR);
+        });
+        std::vector<char> message(12); // its head, with the length
+        for (int passed = 0; recv(daemon, message.data(), 12, MSG_WAITALL) == 12; passed++) {
             uint32_t head;
-            memcpy(&head, relay.pending.data() + 8, 4);
+            memcpy(&head, message.data() + 8, 4);
             const size_t length = 8 + (ntohl(head) & 0xffffff);
-            if (relay.pending.size() < length)
-                return;
-            size_t out = length;
-            if (relay.passed == whole_) {
-                out = half_ ? length / 2 : 0;
-                frozen_ = true;
-            }
-            if (out && send(relay.client, relay.pending.data(), out, MSG_NOSIGNAL) < 0)
-                out = relay.pending.size();
-            relay.pending.erase(0, out);
-            if (frozen_)
-                relay.passed = 1000; // what is left of the stream goes out as it stands after the thaw
-            else
-                relay.passed++;
+            message.resize(length);
+            if (length > 12 && recv(daemon, message.data() + 12, length - 12, MSG_WAITALL) < 0)
+                break;
+            std::unique_lock lock(mutex_);
+            wait(lock);
+            frozen_ = passed == whole_;
+            const size_t before = !frozen_ ? length : half_ ? length / 2 : 0;
+            bool open = forward(client, message.data(), before);
+            wait(lock);
+            open = open && forward(client, message.data() + before, length - before);
+            if (!open)
+                break;
         }
+        shutdown(client, SHUT_RDWR);
+        requests.join();
+        close(client);
+        close(daemon);
     }
 
-    void run() {
-        while (!stop_) {
-            std::vector<pollfd> fds = {{listener_, POLLIN, 0}};
-            for (Relay &relay : relays_) {
-                fds.push_back({relay.client, POLLIN, 0});
-                fds.push_back({relay.daemon, POLLIN, 0});
-            }
-            if (frozen_) {
-                usleep(1000);
-                continue;
-            }
-            poll(fds.data(), fds.size(), 10);
-            size_t at = 1;
-            for (auto relay = relays_.begin(); relay != relays_.end(); at += 2) {
-                char chunk[65536];
-                bool ended = false;
-                if (fds[at].revents) {
-                    const ssize_t n = read(relay->client, chunk, sizeof chunk);
-                    ended = n <= 0 || send(relay->daemon, chunk, size_t(n), MSG_NOSIGNAL) < 0;
-                }
-                if (fds[at + 1].revents) {
-                    const ssize_t n = read(relay->daemon, chunk, sizeof chunk);
-                    if (n > 0)
-                        relay->pending.append(chunk, size_t(n));
-                    ended = ended || n <= 0;
-                }
-                if (relay->passed >= 1000 && !relay->pending.empty()) {
-                    send(relay->client, relay->pending.data(), relay->pending.size(), MSG_NOSIGNAL);
-                    relay->pending.clear();
-                } else {
-                    pass(*relay);
-                }
-                if (ended) {
-                    close(relay->client);
-                    close(relay->daemon);
-                    relay = relays_.erase(relay);
-                } else {
-                    ++relay;
-                }
-            }
-            if (fds[0].revents && !frozen_)
-                accept_one();
-        }
-        for (Relay &relay : relays_) {
-            close(relay.client);
-            close(relay.daemon);
-        }
-    }
-
-    std::string path_, real_;
+    const std::string path_, real_;
     int listener_;
-    std::list<Relay> relays_;
-    std::atomic<bool> stop_{false}, frozen_{false}, half_{false};
-    std::atomic<int> whole_{-1};
-    std::thread thread_;
+    std::thread acceptor_;
+    std::mutex mutex_; // guards what follows
+    std::condition_variable thawed_;
+    bool frozen_ = false, half_ = false;
+    int whole_ = -1;
 };

@@ -1,4 +1,5 @@
-// RIL requests as these tests make them: the service answers an id that it has no rule for with the id itself.
+// What these tests have in common: RIL requests, of which the service answers an id that it has no rule for with the id
+// itself, threads, and time.
 #pragma once
 
 #include "bus.h"
@@ -6,17 +7,19 @@
 #include "tavrik_sdk.h"
 
 #include <chrono>
+#include <filesystem>
+#include <thread>
+#include <vector>
 
 inline void take_number(ubus_request *request, int, blob_attr *message) {
     uint32_t id;
     int32_t error;
     void *data;
     size_t length;
-    auto *number = static_cast<uint32_t *>(request->priv);
     if (!message || rilutil_parseResponseDSMaster(message, &id, &error, &data, &length))
         return;
     if (length == 4 && !error)
-        memcpy(number, data, 4);
+        memcpy(request->priv, data, 4);
     if (data)
         rilutil_freeResponseData(id, data, length);
 }
@@ -30,4 +33,26 @@ inline bool answered(uint32_t id, int timeout_ms) {
 
 inline double seconds_since(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Of one call.
+template <class Call>
+double seconds_of(Call call) {
+    const auto start = std::chrono::steady_clock::now();
+    call();
+    return seconds_since(start);
+}
+
+// Runs `run(0)`, `run(1)`, ... each on a thread of its own, to their end.
+template <class Run>
+void in_threads(unsigned count, Run run) {
+    std::vector<std::thread> threads;
+    for (unsigned i = 0; i < count; i++)
+        threads.emplace_back(run, i);
+    for (std::thread &thread : threads)
+        thread.join();
+}
+
+inline auto count_in(const char *folder) {
+    return std::distance(std::filesystem::directory_iterator(folder), {});
 }
