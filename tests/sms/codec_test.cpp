@@ -3,8 +3,6 @@
 
 namespace {
 
-using namespace std::string_literals;
-
 // Missing pointers, and nothing to do.
 template <class In, class Out>
 void check_refusals(int (*codec)(In *, int, Out *, int32_t *)) {
@@ -46,9 +44,19 @@ TEST(Codec, Refusals) {
     EXPECT_EQ(length, 0);
 }
 
-TEST(Codec, TimeStampAndHeader) {
+// Whatever needs no more than its last octet: the sanitizer sees what is read behind it.
+TEST(Codec, Directly) {
+    const uint8_t escape[] = {0x1B}, packed[] = {0xE8, 0x32, 0x9B, 0xFD, 0x06}, half[] = {0, 'A', 0};
+    uint8_t septets[5];
+    int32_t length = 0;
+    char text[25] = "";
+    gsm_to_ascii(escape, 1, text, &length);
+    EXPECT_STREQ(text, "\x1B");
+    EXPECT_EQ(decode_7bit(packed, 5, -1, septets, &length), 0);
+    EXPECT_EQ(std::string(septets, septets + length), "hello");
+    EXPECT_EQ(convert_ucs2_to_utf8(half, 3, text, &length), 0);
+    EXPECT_STREQ(text, "A");
     const uint8_t stamp[] = {0x42, 0x90, 0x42, 0x41, 0x80, 0x03, 0x99}, all[] = {255, 255, 255, 255, 255, 255, 255};
-    char text[25];
     EXPECT_EQ(decode_time_stamp(stamp, 7, text), 0);
     EXPECT_STREQ(text, "2024-09-24 14:08:30");
     EXPECT_EQ(decode_time_stamp(all, 7, text), 0);
@@ -73,8 +81,7 @@ TEST(Codec, IsAscii) {
     EXPECT_EQ(is_ascii("abc", 3, &count), 1);
     EXPECT_EQ(count, 8); // added
     EXPECT_EQ(is_ascii("a\xC3\xA4\x7F", 4, &count), 0);
-    EXPECT_EQ(is_ascii("a\x80", 1, &count), 1);
-    EXPECT_EQ(is_ascii("a", 0, &count) + is_ascii("a", -1, &count), 2);
+    EXPECT_EQ(is_ascii("a\x80", 1, &count) + is_ascii("a", 0, &count) + is_ascii("a", -1, &count), 3);
     EXPECT_EQ(is_ascii(nullptr, 1, &count) + is_ascii("a", 1, nullptr), 0);
     EXPECT_EQ(count, 11);
 }

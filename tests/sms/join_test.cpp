@@ -7,9 +7,7 @@
 #include <sys/syscall.h>
 #include <thread>
 
-namespace {
-std::atomic<int64_t> g_seconds_ahead{0};
-}
+static std::atomic<int64_t> g_seconds_ahead{0};
 
 // The library's clock, so that an hour passes in no time.
 extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept {
@@ -20,8 +18,6 @@ extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept {
 }
 
 namespace {
-
-using namespace std::string_literals;
 
 // The joined text, "..." while parts are missing, "refused".
 std::string join(const Tavrik_SmsDetail &detail) {

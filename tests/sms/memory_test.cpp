@@ -1,20 +1,16 @@
 // Without memory, each operation fails as it says, loses nothing it had and leaks nothing.
 #include "sms/sms_test.h"
 
-namespace {
+static thread_local int g_left = -1; // allocations of this thread that still succeed; negative: all
+static thread_local int g_held = 0;  // by what ran with such a limit
 
-thread_local int g_left = -1; // allocations of this thread that still succeed; negative: all
-thread_local int g_held = 0;  // by what ran with such a limit
-
-bool refused() {
+static bool refused() {
     if (g_left <= 0)
         return g_left == 0;
     --g_left;
     ++g_held;
     return false;
 }
-
-} // namespace
 
 extern "C" {
 void *__libc_malloc(size_t size);

@@ -147,18 +147,16 @@ class PduGenerator {
 
     std::string units(int octets, std::string &text, std::string &reduced) {
         std::string made;
-        const auto put = [&](int unit) {
-            made += {char(unit >> 8), char(unit)};
-            reduced += to_utf8(unit);
-        };
         for (int left; (left = octets - int(made.size())) >= 2;) {
             const int planes = left >= 4 && one_in(6) ? 0x110000 : one_in(2) ? 0x80 : one_in(2) ? 0x800 : 0x10000;
             const int point = 1 + below(planes - 1);
             if (point >= 0xD800 && point < 0xE000)
                 continue;
-            if (point > 0xFFFF)
-                put(0xD7C0 + (point >> 10));
-            put(point > 0xFFFF ? 0xDC00 + point % 0x400 : point);
+            const std::vector<int> halves = {0xD7C0 + (point >> 10), 0xDC00 + point % 0x400};
+            for (const int unit : point > 0xFFFF ? halves : std::vector<int>{point}) {
+                made += {char(unit >> 8), char(unit)};
+                reduced += to_utf8(unit);
+            }
             text += to_utf8(point);
         }
         return made;

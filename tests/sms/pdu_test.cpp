@@ -3,8 +3,6 @@
 
 namespace {
 
-using namespace std::string_literals;
-
 std::string lenient(const std::string &pdu) {
     SmsMessage *const message = creat_from_pdu(pdu_of(pdu).c_str());
     const std::string text = describe(*message);
@@ -47,8 +45,8 @@ TEST(Pdu, Lenient) {
            "08h 030500032A02010041=encoding2 concat1 ref42 seq1 total2 ",
            "00h 20FF00032A0201=concat1 ref42 seq1 total2 ", "04h 0403000301=encoding1 ",
            "00 00=", "08 FF00410042=encoding2 AB", "08 FF004100=encoding2 A", "00 FFE8329BFD4697D9EC37=hellohello",
-           "00 0AE8329BFD4697D9=hellohel", "00 0AE8329BFD4697=helloh", "00 0AE8=h",
-           "00h 120500032A0201D0E8=concat1 ref42 seq1 total2 hh",
+           "00 0AE8329BFD4697D9=hellohel", "00 0AE8329BFD4697=helloh", "00 0AE8=h", "04 02414=encoding1 A@",
+           "04 024G=encoding1 @", "00h 120500032A0201D0E8=concat1 ref42 seq1 total2 hh",
            // Senders.
            "04 0141 0681214365=encoding1 from 123456 A", "04 0141 0681F14365=encoding1 from 1F3456 A",
            "04 0141 02810F=encoding1 from F0 A", "04 0141 0291FF=encoding1 from +F A",
@@ -102,8 +100,7 @@ TEST(Pdu, Strict) {
            "00 0141 0091=from + A", "00 0141 0291F1=from +1 A", "00 0141 02D041=from A A",
            "00 0141 0DD0D3A2B5E8BCDD00=from SEVEN77 A", "00 0141 0ED0C5E41149C5E170=from EIGHT888 A",
            "00 0141 14D04566D15A748286C8A014=from ELEVEN CHAR A",
-           // Times: a new century, a leap day, the last second of all, and one west of Greenwich; then such as are
-           // none.
+           // Times: a new century, a leap day, the last second of all, and one west of Greenwich; then what is none.
            "00 0141 0291F1 00101000000000=time946684800 from +1 A",
            "00 0141 0291F1 00209221436580=time951820496 zone120 from +1 A",
            "00 0141 0291F1 99211332959500=time4102444799 from +1 A",
@@ -155,11 +152,10 @@ TEST(Pdu, StrictRefuses) {
 // "LOCKING-SHIFT SINGLE-SHIFT SEPTETS", in digits.
 TEST(Pdu, NationalLanguages) {
     const auto decoded = [](const std::string &text) {
-        std::string header = "\6\x25\1l\x24\1s", septets;
+        std::string septets;
         for (size_t i = 0; i < text.size(); i += 2)
             septets += char(std::stoi(text.substr(i, 2), nullptr, 16));
-        header[3] = septets[0];
-        header[6] = septets[1];
+        const std::string header = {6, 0x25, 1, septets[0], 0x24, 1, septets[1]};
         return strict("00h " + sim::hex(pack(header, septets.substr(2))));
     };
     check(decoded, {"00001B651B1B1B0D1B611B0A091B=€ \ra\fÇ", "010104070B40601B531B691B28=€ıĞİçŞı{",

@@ -6,6 +6,8 @@
 #include <functional>
 #include <sstream>
 
+using namespace std::string_literals;
+
 inline const std::string kCentre = "07919471016705F0", kNumber = "+49172345678";
 
 inline void check(const std::function<std::string(const std::string &)> &run, const std::vector<std::string> &cases) {
@@ -20,9 +22,9 @@ inline std::string pdu_of(const std::string &text) {
     std::string coding, data, sender = "0B919471325476F8", time = "FFFFFFFFFFFFFF";
     std::istringstream(text) >> coding >> data >> sender >> time;
     const char *const first_octet = coding.size() > 2 ? "44" : "04";
-    return data.empty() || coding.size() > 3
-               ? text
-               : kCentre + first_octet + sender + "00" + coding.substr(0, 2) + time + data;
+    if (data.empty() || coding.size() > 3)
+        return text; // a whole one
+    return kCentre + first_octet + sender + "00" + coding.substr(0, 2) + time + data;
 }
 
 // The result of the call, and what it logs, as sim::log_of() tells it.
