@@ -216,6 +216,7 @@ TEST_F(Sending, StartAndStop) {
     // Another family's registration stays: results still arrive after the stop.
     ASSERT_EQ(tavrik_indication_register(TAVRIK_IND_SIM, [] {}), 0);
     Tavrik_SMS_Deinit();
+    EXPECT_EQ(sim::log_of(Tavrik_SMS_Deinit), "warn Tavrik_SMS_Deinit: sms not init\n");
     check(step, {"SendMsg 1/x=0 own 0"});
     tavrik_indication_deregister();
     check(step, {"SendMsg 1/x=0 sms_recv_send_msg_cb: sms_send_cb is null\n"});
