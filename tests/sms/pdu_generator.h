@@ -98,7 +98,7 @@ class PduGenerator {
         const time_t local = 946684800 + below(0x7FFFFFFF - 946684800); // 2000 to 2038
         const int quarters = below(113) - 56;
         detail.zone = quarters * 15;
-        detail.time = local - detail.zone * 60;
+        detail.time = int64_t(local) - detail.zone * 60;
         std::tm at;
         char digits[24];
         strftime(digits, sizeof digits, "%Y%m%d%H%M%S", gmtime_r(&local, &at));
