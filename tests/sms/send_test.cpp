@@ -1,11 +1,10 @@
 // Sending, in the simulated module: what reaches the service, what its answers make of it, and who hears of them.
-#include "support/sim.h"
+#include "sms/sms_test.h"
+#include "support/events.h"
 
 #include "bus.h"
 
-#include <condition_variable>
-#include <functional>
-#include <mutex>
+#include <numeric>
 #include <thread>
 
 namespace {
@@ -13,43 +12,17 @@ namespace {
 using nlohmann::json;
 using Texts = std::vector<std::string>;
 
-SmsMessage message_of(const std::string &number, const std::string &text) {
-    SmsMessage message = {};
-    memcpy(message.number, number.data(), std::min(number.size(), sizeof message.number));
-    memcpy(message.text, text.data(), std::min(text.size(), sizeof message.text));
-    message.length = int32_t(text.size());
-    return message;
-}
-
-int send(const std::string &text, const std::string &number = "+4917") {
-    const SmsMessage message = message_of(number, text);
-    return Tavrik_SMS_SendMsg(&message);
-}
-
-// Events of the SMS callback, on whatever thread.
-struct Heard {
-    std::mutex mutex;
-    std::condition_variable more;
-    Texts events;
-    pthread_t thread = {};
-    std::function<void()> inside;
-
-    Texts wait(size_t count) {
-        std::unique_lock<std::mutex> lock(mutex);
-        more.wait_for(lock, std::chrono::seconds(20), [&] { return events.size() >= count; });
-        return std::exchange(events, {});
-    }
-} * g_heard;
+// What the SMS callback was told: a text, or a result, with "own " in front when on the test's own thread.
+Events *g_heard;
+pthread_t g_own;
+std::function<void()> g_inside;
 
 void on_sms(int event, void *data) {
     const auto *message = static_cast<SmsMessage *>(data);
-    if (const auto inside = std::exchange(g_heard->inside, nullptr))
+    if (const auto inside = std::exchange(g_inside, nullptr))
         inside();
-    const std::lock_guard<std::mutex> lock(g_heard->mutex);
-    g_heard->thread = pthread_self();
-    g_heard->events.push_back(std::to_string(event) + " " +
-                              (event ? std::to_string(message->result) : std::string(message->text)));
-    g_heard->more.notify_all();
+    const std::string told = event ? std::to_string(message->result) : message->text;
+    g_heard->add((pthread_equal(g_own, pthread_self()) ? "own " : "") + told);
     if (!event)
         free(data);
 }
@@ -59,6 +32,7 @@ class Sending : public testing::Test {
     Sending() {
         sim::call("reset");
         g_heard = &heard;
+        g_own = pthread_self();
         Tavrik_Switch_Log_Mode(TAVRIK_LOG_STDOUT);
         EXPECT_EQ(Tavrik_SMS_Init(on_sms), 0);
     }
@@ -67,230 +41,185 @@ class Sending : public testing::Test {
         tavrik_ubus_deinit();
         sim::call("reset");
     }
-    Heard heard;
+    Events heard;
 };
 
+SmsMessage message_of(const std::string &text, const std::string &number) {
+    SmsMessage message = {};
+    number.copy(message.number, sizeof message.number);
+    text.copy(message.text, sizeof message.text);
+    message.length = int32_t(text.size());
+    return message;
+}
+
+int send(const std::string &number) {
+    const SmsMessage message = message_of("x", number);
+    return Tavrik_SMS_SendMsg(&message);
+}
+
+// "VERB NUMBER/TEXT", "VERB PDU" or "VERB": the result of the call, what it logs, and what is heard when it waits.
+std::string step(const std::string &line) {
+    std::string verb, number, text;
+    std::istringstream words(line);
+    std::getline(std::getline(std::getline(words, verb, ' '), number, '/'), text);
+    const SmsMessage message = message_of(text, number);
+    const std::string told = outcome([&] {
+        return verb == "SendMsg"         ? Tavrik_SMS_SendMsg(&message)
+               : verb == "SendMsg_Async" ? Tavrik_SMS_SendMsg_Async(&message)
+               : verb == "SendPdu"       ? Tavrik_SMS_SendPdu(number.c_str())
+               : verb == "SendPdu_Async" ? Tavrik_SMS_SendPdu_Async(number.c_str())
+                                         : Tavrik_SMS_Init(on_sms);
+    });
+    const Texts heard = verb.find("Async") == verb.npos ? g_heard->take(0) : Texts();
+    return std::accumulate(heard.begin(), heard.end(), told);
+}
+
+std::string times(int count, const char *text) {
+    std::string all;
+    while (count--)
+        all += text;
+    return all;
+}
+
 TEST_F(Sending, WhatTheServiceGets) {
-    const auto request = [](const char *gsm7, const char *number, const std::string &body) {
+    const std::string longest(50, '7'), sent = "=0 own 0"; // fills the field
+    check(step, {"SendMsg +49/" + times(70, "你") + sent, "SendMsg " + longest + "/1" + sent,
+                 "SendMsg +49/x\xF0\x9F\x98\x80" + sent,
+                 "SendMsg +49/ab\xFFyz=0 code_convert_utf8_to_unicodeStr: intput error!\nown 0",
+                 "SendMsg +49/" + times(160, "a") + sent, "SendMsg +49/" + times(68, "a") + "ää" + sent,
+                 "SendPdu no PDU at all" + sent, "SendPdu " + sent, "SendMsg_Async +49/hello=0 "});
+    EXPECT_EQ(heard.take(1), Texts{"0"});
+    check(step, {"SendPdu_Async 0011=0 "});
+    EXPECT_EQ(heard.take(1), Texts{"0"});
+    const auto text = [](const char *gsm7, const std::string &number, const std::string &body) {
         return std::string("sms.send {\"sms\":{\"id\":\"-1\",\"gsm7\":\"") + gsm7 + "\",\"address\":\"" + number +
                "\",\"date\":\"23,9,24,14,8,30,+8\",\"protocol\":\"0\",\"body\":\"" + body + "\"}}";
     };
-    std::string characters, hex;
-    for (int i = 0; i < 70; ++i) {
-        characters += "你";
-        hex += "4F60";
-    }
-    const std::string longest(50, '7'); // fills the field
-    EXPECT_EQ(send("hello"), 0);
-    EXPECT_EQ(send("aä€"), 0);
-    EXPECT_EQ(send(characters), 0);
-    EXPECT_EQ(send("x\xF0\x9F\x98\x80"), 0);
-    EXPECT_EQ(send("ab\xFFyz"), 0); // what is not UTF-8 ends it
-    EXPECT_EQ(send("1", longest), 0);
-    EXPECT_EQ(Tavrik_SMS_SendPdu("no PDU at all"), 0);
-    EXPECT_EQ(Tavrik_SMS_SendPdu(""), 0);
-    const SmsMessage message = message_of("+4917", "hello");
-    EXPECT_EQ(Tavrik_SMS_SendMsg_Async(&message), 0);
-    EXPECT_EQ(heard.wait(9), Texts(9, "1 0"));
-    EXPECT_EQ(Tavrik_SMS_SendPdu_Async("0011"), 0);
-    EXPECT_EQ(heard.wait(1), Texts{"1 0"});
     EXPECT_EQ(sim::recorded("sms"),
-              (Texts{request("1", "+4917", "00680065006C006C006F"), request("0", "+4917", "006100E420AC"),
-                     request("0", "+4917", hex), request("0", "+4917", "007801F600"), request("0", "+4917", "00610062"),
-                     request("1", longest.c_str(), "0031"), "sms.send_pdu {\"sms\":{\"pdu\":\"no PDU at all\"}}",
-                     "sms.send_pdu {\"sms\":{\"pdu\":\"\"}}", request("1", "+4917", "00680065006C006C006F"),
-                     "sms.send_pdu {\"sms\":{\"pdu\":\"0011\"}}"}));
+              (Texts{text("0", "+49", times(70, "4F60")), text("1", longest, "0031"), text("0", "+49", "007801F600"),
+                     text("0", "+49", "00610062"), text("1", "+49", times(160, "0061")),
+                     text("0", "+49", times(68, "0061") + "00E400E4"),
+                     "sms.send_pdu {\"sms\":{\"pdu\":\"no PDU at all\"}}", "sms.send_pdu {\"sms\":{\"pdu\":\"\"}}",
+                     text("1", "+49", "00680065006C006C006F"), "sms.send_pdu {\"sms\":{\"pdu\":\"0011\"}}"}));
 }
 
 TEST_F(Sending, Refused) {
-    const std::string input = "Parameter input error\n", most = "The length of the input text message cannot exceed ";
-    std::string characters;
-    for (int i = 0; i < 70; ++i)
-        characters += "你";
-    SmsMessage bad = message_of("1", "abc");
-    bad.length = 2;
-    SmsMessage negative = message_of("1", "abc");
-    negative.length = -3;
-    const struct {
-        SmsMessage message;
-        std::string log;
-    } cases[] = {
-        {message_of("", "abc"), input},
-        {message_of("1", ""), input},
-        {bad, input},
-        {negative, input},
-        {message_of("1", std::string(161, 'a')), most + "160\n"},
-        {message_of("1", std::string(256, 'a')), most + "160\n"}, // without a terminating zero
-        {message_of("1", std::string(256, 'a') + "b"), input},
-        {message_of("1", characters + "a"), most + "210\n"},
-        {message_of("1", std::string(69, 'a') + "ää"), most + "210\n"},
-    };
-    for (const auto &c : cases)
-        for (const bool async : {false, true}) {
-            const std::string name = async ? "Tavrik_SMS_SendMsg_Async: " : "Tavrik_SMS_SendMsg: ";
-            EXPECT_EQ(sim::log_of(
-                          [&] { EXPECT_EQ((async ? Tavrik_SMS_SendMsg_Async : Tavrik_SMS_SendMsg)(&c.message), -1); }),
-                      name + c.log);
-        }
-    EXPECT_EQ(sim::log_of([] {
-                  EXPECT_EQ(Tavrik_SMS_SendMsg(nullptr), -1);
-                  EXPECT_EQ(Tavrik_SMS_SendPdu(nullptr), -1);
-                  EXPECT_EQ(Tavrik_SMS_SendPdu_Async(nullptr), -1);
-              }),
-              "Tavrik_SMS_SendMsg: " + input + "Tavrik_SMS_SendPdu: " + input + "Tavrik_SMS_SendPdu_Async: " + input);
-    EXPECT_EQ(send(std::string(160, 'a')), 0);
-    EXPECT_EQ(send(std::string(68, 'a') + "ää"), 0); // 208 units
-    EXPECT_EQ(heard.wait(2).size(), 2u);
-    EXPECT_EQ(sim::recorded("sms").size(), 2u);
+    SmsMessage message = message_of("abc", "1");
+    for (message.length = -1; message.length < 6; message.length += message.length == 2 ? 2 : 1)
+        EXPECT_EQ(Tavrik_SMS_SendMsg(&message) + Tavrik_SMS_SendMsg_Async(&message), -2) << message.length;
+    EXPECT_EQ(Tavrik_SMS_SendMsg(nullptr) + Tavrik_SMS_SendMsg_Async(nullptr), -2);
+    EXPECT_EQ(outcome([] { return Tavrik_SMS_SendPdu(nullptr) + Tavrik_SMS_SendPdu_Async(nullptr); }),
+              "-2 Tavrik_SMS_SendPdu: Parameter input error\nTavrik_SMS_SendPdu_Async: Parameter input error\n");
+    for (const std::string verb : {"SendMsg", "SendMsg_Async"}) {
+        const std::string log = "=-1 Tavrik_SMS_" + verb, input = log + ": Parameter input error\n";
+        const std::string most = log + ": The length of the input text message cannot exceed ";
+        check(step, {verb + " /abc" + input, verb + " 1/" + input, verb + " 1/" + times(257, "a") + input,
+                     verb + " 1/" + times(161, "a") + most + "160\n", verb + " 1/" + times(256, "a") + most + "160\n",
+                     verb + " 1/" + times(70, "你") + "a" + most + "210\n",
+                     verb + " 1/" + times(69, "a") + "ää" + most + "210\n"});
+    }
+    EXPECT_EQ(sim::recorded("sms"), Texts());
 }
 
-json reply(json fields) {
-    return {{"reply", {{"sms", std::move(fields)}}}};
-}
-
-// Both methods, with and without waiting.
+// The table in the reply, or behind "!" another answer: what comes of it by text, and by PDU.
 TEST_F(Sending, Answers) {
-    const std::string text = "sms_recv_send_msg_cb: ", pdu = "sms_pdu_recv_send_msg_cb: ",
-                      unread = "blobmsg_parse failed\n", none = "resp is null\n";
-    const json no_table = {{"reply", {{"other", 1}}}};
-    const struct {
-        const char *what;
-        json fault;
-        int text_result, pdu_result; // -1 without an event
-        std::string text_log, pdu_log;
-    } cases[] = {
-        {"success", json(), 0, 0, "", ""},
-        {"a number of the modem", reply({{"resp", "38"}, {"smsid", ""}, {"smsRef", "x"}}), 38, 38, "", ""},
-        {"with text behind", reply({{"resp", " -7x"}, {"smsid", "1"}, {"smsRef", "1"}}), -7, -7, "", ""},
-        {"no number", reply({{"resp", "ok"}, {"smsid", "1"}, {"smsRef", "1"}}), 0, 0, "", ""},
-        {"-1 as an answer", reply({{"resp", "-1"}, {"smsid", "1"}, {"smsRef", "1"}}), -1, -1, "", ""},
-        {"no resp", reply({{"smsid", "1"}, {"smsRef", "1"}}), -2, -2, text + none, ""},
-        {"no smsid", reply({{"resp", "1"}, {"smsRef", "1"}}), -2, -2, text + none, ""},
-        {"no smsRef", reply({{"resp", "1"}, {"smsid", "1"}}), -2, 1, text + none, ""},
-        {"empty", reply({{"resp", ""}, {"smsid", "1"}, {"smsRef", "1"}}), -2, -2, text + none, ""},
-        {"a number", reply({{"resp", 5}, {"smsid", "1"}, {"smsRef", "1"}}), -2, -2, text + none, ""},
-        {"no table", no_table, -2, -2, text + unread, pdu + unread},
-        {"the table is none", {{"reply", {{"sms", "0"}}}}, -2, -2, text + unread, pdu + unread},
-        {"no fields", {{"raw", ""}}, -2, -2, text + unread, pdu + unread},
-        {"no message", {{"times", 0}}, -2, -2, "", ""},
-        {"twice", {{"times", 2}}, 0, 0, "", ""},
-        {"late", {{"delay", 100}}, 0, 0, "", ""},
-        {"with a failure behind",
-         {{"status", 9}},
-         0,
-         0,
-         "send_message_core: Failed to ubus invoke: Unknown error\n",
-         "send_pdu_message_core: Failed to ubus invoke: Unknown error\n"},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        if (!c.fault.is_null())
-            sim::fault("sms", "*", c.fault);
-        for (const bool by_pdu : {false, true}) {
-            const int expected = by_pdu ? c.pdu_result : c.text_result;
-            const Texts event = expected == -2 ? Texts() : Texts{"1 " + std::to_string(expected)};
-            int result = 0;
-            EXPECT_EQ(sim::log_of([&] { result = by_pdu ? Tavrik_SMS_SendPdu("00") : send("x"); }),
-                      by_pdu ? c.pdu_log : c.text_log);
-            EXPECT_EQ(result, expected == -2 ? -1 : expected);
-            EXPECT_TRUE(event.empty() || pthread_equal(heard.thread, pthread_self()));
-            EXPECT_EQ(heard.wait(0), event);
-
-            const SmsMessage message = message_of("1", "x");
-            sim::log_of([&] {
-                ASSERT_EQ(by_pdu ? Tavrik_SMS_SendPdu_Async("00") : Tavrik_SMS_SendMsg_Async(&message), 0);
-                tavrik_ubus_thread_deinit();
-                EXPECT_EQ(heard.wait(event.size()), event);
-            });
-            EXPECT_TRUE(event.empty() || !pthread_equal(heard.thread, pthread_self()));
-            sim::call("wait", {{"kind", "sms"}, {"count", 2}});
+    const auto run = [&](const std::string &answer) {
+        const bool table = answer[0] != '!';
+        const json given = json::parse(answer.substr(!table));
+        sim::fault("sms", "*", table ? json{{"reply", {{"sms", given}}}} : given);
+        std::string outcomes;
+        for (const std::string verb : {"SendMsg", "SendPdu"}) {
+            const std::string now = step(verb + " 1/x");
+            // Without waiting the same is heard, on another thread.
+            const size_t own = now.rfind("own ");
+            const Texts other = own == now.npos ? Texts() : Texts{now.substr(own + 4)};
+            EXPECT_EQ(step(verb + "_Async 1/x")[0], '0');
+            tavrik_ubus_thread_deinit();
+            EXPECT_EQ(heard.take(other.size()), other) << answer;
+            sim::call("wait", {{"kind", "sms"}, {"count", verb == "SendMsg" ? 2 : 4}});
             tavrik_ubus_deinit();
-            sim::call("record", {{"clear", true}});
+            outcomes += now + "|";
         }
         sim::call("reset");
-    }
+        return outcomes;
+    };
+    const std::string no_resp = "=-1 sms_recv_send_msg_cb: resp is null\n|-1 |", success = "=0 own 0|0 own 0|";
+    const std::string unread =
+        "=-1 sms_recv_send_msg_cb: blobmsg_parse failed\n|-1 sms_pdu_recv_send_msg_cb: blobmsg_parse failed\n|";
+    check(run,
+          {R"({"resp": "38", "smsid": "", "smsRef": "x"}=38 own 38|38 own 38|)",
+           R"({"resp": " -7x", "smsid": "1", "smsRef": "1"}=-7 own -7|-7 own -7|)",
+           R"({"resp": "-1", "smsid": "1", "smsRef": "1"}=-1 own -1|-1 own -1|)",
+           R"({"resp": "ok", "smsid": "1", "smsRef": "1"})" + success, R"({"smsid": "1", "smsRef": "1"})" + no_resp,
+           R"({"resp": "1", "smsRef": "1"})" + no_resp, R"({"resp": "", "smsid": "1", "smsRef": "1"})" + no_resp,
+           R"({"resp": 5, "smsid": "1", "smsRef": "1"})" + no_resp,
+           R"({"resp": "1", "smsid": "1"}=-1 sms_recv_send_msg_cb: resp is null)"
+           "\n|1 own 1|",
+           R"("0")" + unread, R"(!{"reply": {"other": 1}})" + unread, R"(!{"raw": ""})" + unread,
+           R"(!{"times": 0}=-1 |-1 |)", R"(!{"times": 2})" + success, R"(!{"delay": 100})" + success,
+           // A failure behind the answer.
+           R"(!{"status": 9}=0 send_message_core: Failed to ubus invoke: Unknown error)"
+           "\nown 0|"
+           "0 send_pdu_message_core: Failed to ubus invoke: Unknown error\nown 0|"});
 }
 
 TEST_F(Sending, WithoutTheService) {
-    const SmsMessage message = message_of("1", "x");
-    const struct {
-        json fault;
-        const char *log;
-    } cases[] = {
-        {{{"service", "sms"}, {"stop", true}}, "Failed to lookup id: Not found\n"},
-        {{{"service", "bus"}, {"stop", true}}, "Failed to connect to ubus\n"},
-    };
-    for (const auto &c : cases) {
-        sim::call("fault", c.fault);
-        const std::string log = c.log;
-        EXPECT_EQ(sim::log_of([&] {
-                      EXPECT_EQ(send("x"), -1);
-                      EXPECT_EQ(Tavrik_SMS_SendPdu("00"), -1);
-                      EXPECT_EQ(Tavrik_SMS_SendMsg_Async(&message), -1);
-                      EXPECT_EQ(Tavrik_SMS_SendPdu_Async("00"), -1);
-                  }),
-                  "send_message_core: " + log + "send_pdu_message_core: " + log + "send_async_message_core: " + log +
-                      "send_pdu_async_message_core: " + log);
+    for (const auto &[service, log] :
+         {std::pair("sms", ": Failed to lookup id: Not found\n"), {"bus", ": Failed to connect to ubus\n"}}) {
+        sim::call("fault", {{"service", service}, {"stop", true}});
+        check(step,
+              {"SendMsg 1/x=-1 send_message_core"s + log, "SendMsg_Async 1/x=-1 send_async_message_core"s + log,
+               "SendPdu 00=-1 send_pdu_message_core"s + log, "SendPdu_Async 00=-1 send_pdu_async_message_core"s + log});
         sim::call("reset");
     }
     sim::fault("sms", "*", {{"drop", true}});
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(sim::log_of([] { EXPECT_EQ(send("x"), -1); }),
-              "send_message_core: Failed to ubus invoke: Request timed out\n");
+    check(step, {"SendMsg 1/x=-1 send_message_core: Failed to ubus invoke: Request timed out\n"});
     const auto took = std::chrono::steady_clock::now() - start;
     EXPECT_GE(took, std::chrono::milliseconds(9995));
     EXPECT_LT(took, std::chrono::seconds(30));
-    EXPECT_EQ(heard.wait(0), Texts());
 }
 
 // A result belongs to its send: one inside the callback of another, and several at once, each get their own.
 TEST_F(Sending, ResultsDoNotMix) {
-    for (const int resp : {11, 12, 13, 14})
-        sim::fault("sms", "sms.send " + std::to_string(resp),
-                   {{"reply", {{"sms", {{"resp", std::to_string(resp)}, {"smsid", "1"}, {"smsRef", "1"}}}}},
-                    {"delay", 50 - resp}});
-    int inner = 0;
-    heard.inside = [&] { inner = send("x", "12"); };
-    EXPECT_EQ(send("x", "11"), 11);
-    EXPECT_EQ(inner, 12);
-    EXPECT_EQ(heard.wait(2), (Texts{"1 12", "1 11"}));
     std::vector<std::thread> threads;
+    for (const std::string resp : {"11", "12", "13", "14"})
+        sim::fault(
+            "sms", "sms.send " + resp,
+            json{{"reply", {{"sms", {{"resp", resp}, {"smsid", "1"}, {"smsRef", "1"}}}}}, {"delay", 50 - stoi(resp)}});
+    int inner = 0;
+    g_inside = [&] { inner = send("12"); };
+    EXPECT_EQ(step("SendMsg 11/x"), "11 own 12own 11");
+    EXPECT_EQ(inner, 12);
     for (const int resp : {11, 12, 13, 14})
         threads.emplace_back([resp] {
             for (int i = 0; i < 20; ++i)
-                EXPECT_EQ(send("x", std::to_string(resp)), resp);
+                EXPECT_EQ(send(std::to_string(resp)), resp);
         });
     for (std::thread &thread : threads)
         thread.join();
-    EXPECT_EQ(heard.wait(80).size(), 80u);
+    EXPECT_EQ(heard.take(80).size(), 80u);
 }
 
 TEST_F(Sending, StartAndStop) {
-    EXPECT_EQ(sim::log_of([] { EXPECT_EQ(Tavrik_SMS_Init(nullptr), 0); }),
-              "warn Tavrik_SMS_Init: sms has been already inited\n");
+    check(step, {"Init=0 warn Tavrik_SMS_Init: sms has been already inited\n"});
     Tavrik_SMS_Deinit(); // the last registration: all is removed
     EXPECT_EQ(sim::log_of(Tavrik_SMS_Deinit), "warn Tavrik_SMS_Deinit: sms not init\n");
-    EXPECT_EQ(sim::log_of([] { EXPECT_EQ(send("x"), 0); }), "sms_recv_send_msg_cb: sms_send_cb is null\n");
-    EXPECT_EQ(sim::log_of([] { EXPECT_EQ(Tavrik_SMS_SendPdu("00"), 0); }),
-              "sms_pdu_recv_send_msg_cb: sms_send_cb is null\n");
-    EXPECT_EQ(sim::log_of([] { EXPECT_EQ(Tavrik_SMS_Init(nullptr), -1); }),
-              "Tavrik_SMS_Init: Parameter input error!\n");
+    check(step, {"SendMsg 1/x=0 sms_recv_send_msg_cb: sms_send_cb is null\n",
+                 "SendPdu 00=0 sms_pdu_recv_send_msg_cb: sms_send_cb is null\n"});
+    EXPECT_EQ(outcome([] { return Tavrik_SMS_Init(nullptr); }), "-1 Tavrik_SMS_Init: Parameter input error!\n");
     sim::call("fault", {{"service", "atind"}, {"stop", true}});
-    const std::string log = sim::log_of([] { EXPECT_EQ(Tavrik_SMS_Init(on_sms), -1); });
-    EXPECT_NE(log.find("Tavrik_SMS_Init: sms indication register failed\n"), std::string::npos) << log;
+    EXPECT_TRUE(
+        std::regex_match(step("Init"), std::regex("-1 (.+\n)*Tavrik_SMS_Init: sms indication register failed\n")));
     sim::call("reset");
-    ASSERT_EQ(Tavrik_SMS_Init(on_sms), 0);
-    EXPECT_EQ(send("x"), 0);
-    EXPECT_EQ(heard.wait(1), Texts{"1 0"});
-
+    check(step, {"Init=0 ", "SendMsg 1/x=0 own 0"});
     // Another family's registration stays: results still arrive after the stop.
     ASSERT_EQ(tavrik_indication_register(TAVRIK_IND_SIM, [] {}), 0);
     Tavrik_SMS_Deinit();
-    EXPECT_EQ(send("x"), 0);
-    EXPECT_EQ(heard.wait(1), Texts{"1 0"});
+    EXPECT_EQ(sim::log_of(Tavrik_SMS_Deinit), "warn Tavrik_SMS_Deinit: sms not init\n");
+    check(step, {"SendMsg 1/x=0 own 0"});
     tavrik_indication_deregister();
-    EXPECT_EQ(send("x"), 0);
-    EXPECT_EQ(heard.wait(0), Texts());
+    check(step, {"SendMsg 1/x=0 sms_recv_send_msg_cb: sms_send_cb is null\n"});
 }
 
 TEST_F(Sending, ExportedHandlers) {
@@ -302,7 +231,7 @@ TEST_F(Sending, ExportedHandlers) {
     blobmsg_close_table(&buffer, table);
     sms_recv_send_msg_cb(nullptr, 0, buffer.head);
     sms_pdu_recv_send_msg_cb(nullptr, 0, buffer.head);
-    EXPECT_EQ(heard.wait(2), (Texts{"1 21", "1 21"}));
+    EXPECT_EQ(heard.take(0), Texts(2, "own 21"));
     blob_buf_free(&buffer);
     EXPECT_EQ(sim::log_of([] { sms_recv_send_msg_cb(nullptr, 0, nullptr); }),
               "sms_recv_send_msg_cb: blobmsg_parse failed\n");
@@ -314,25 +243,24 @@ TEST_F(Sending, ExportedHandlers) {
 
 TEST_F(Sending, CurrentPdu) {
     const std::string pdu = "07919421436587F9040B919421436587F90000429042418003000AE8329BFD4697D9EC37";
-    char text[512] = "-";
-    EXPECT_EQ(Tavrik_SMS_CurrentPdu(text, sizeof text), -1);
+    const auto current = [](size_t size = 73) {
+        char text[73] = "-";
+        const int result = Tavrik_SMS_CurrentPdu(text, size);
+        return std::to_string(result) + text + " ";
+    };
     std::string inside;
-    heard.inside = [&] {
-        char small[72 + 1] = "-";
-        inside = std::to_string(Tavrik_SMS_CurrentPdu(small, sizeof small - 1)) + small;
-        inside += std::to_string(Tavrik_SMS_CurrentPdu(small, sizeof small)) + small;
-        std::thread other([&] { inside += std::to_string(Tavrik_SMS_CurrentPdu(small, sizeof small)); });
-        other.join();
-        send("x"); // its result is another event of this thread
-        inside += std::to_string(Tavrik_SMS_CurrentPdu(small, sizeof small));
+    g_inside = [&] {
+        inside = current(72) + current();
+        std::thread([&] { inside += current(); }).join();
+        send("1"); // its result is another event of this thread
+        inside += current();
     };
     sim::call("line", {{"text", "\r\n+CMT: ,24\r\n" + pdu + "\r\n"}});
-    EXPECT_EQ(heard.wait(2), (Texts{"1 0", "0 hellohello"}));
-    EXPECT_EQ(inside, "-1-0" + pdu + "-10");
-    EXPECT_EQ(Tavrik_SMS_CurrentPdu(text, sizeof text), -1);
-    EXPECT_STREQ(text, "-");
-    EXPECT_EQ(sim::log_of([] { EXPECT_EQ(Tavrik_SMS_CurrentPdu(nullptr, 1), -1); }),
-              "Tavrik_SMS_CurrentPdu: Parameter input error\n");
+    EXPECT_EQ(heard.take(2), (Texts{"0", "hellohello"}));
+    EXPECT_EQ(inside, "-1- 0" + pdu + " -1- 0" + pdu + " ");
+    EXPECT_EQ(current(), "-1- ");
+    EXPECT_EQ(outcome([] { return Tavrik_SMS_CurrentPdu(nullptr, 1); }),
+              "-1 Tavrik_SMS_CurrentPdu: Parameter input error\n");
 }
 
 } // namespace
