@@ -15,18 +15,16 @@
 class FakeAtServer {
   public:
     explicit FakeAtServer(int backlog = 8, const char *path = kPath) : path_(path) {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        strcpy(address.sun_path, path);
+        sockaddr_un address = {AF_UNIX, {}};
+        path_.copy(address.sun_path, sizeof address.sun_path - 1);
         unlink(path);
-        listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
         EXPECT_EQ(listen(listener_, backlog), 0);
     }
     ~FakeAtServer() {
         hang_up();
         close(listener_);
-        unlink(path_);
+        unlink(path_.c_str());
     }
 
     static constexpr char kPath[] = "/tmp/atcmdsdk";
@@ -49,7 +47,7 @@ class FakeAtServer {
         std::string text;
         char piece[4096];
         pollfd input = {client_, POLLIN, 0};
-        while ((text.empty() || (text.back() != '\n' && text.back() != '\r')) && poll(&input, 1, ms) > 0) {
+        while ((text.empty() || !strchr("\r\n", text.back())) && poll(&input, 1, ms) > 0) {
             const ssize_t got = read(client_, piece, sizeof piece);
             if (got <= 0)
                 break;
@@ -60,18 +58,14 @@ class FakeAtServer {
 
     // Sends one piece of an answer, once the client has read the one before: it comes in a read of its own.
     void answer(const std::string &piece) {
-        for (int ms = 0; ms < 20000 && unread() > 0; ++ms)
+        int unread = 0;
+        for (int ms = 0; ms < 20000 && !ioctl(client_, SIOCOUTQ, &unread) && unread > 0; ++ms)
             usleep(1000);
         EXPECT_EQ(send(client_, piece.data(), piece.size(), MSG_NOSIGNAL), ssize_t(piece.size()));
     }
-    int unread() const {
-        int bytes = 0;
-        ioctl(client_, SIOCOUTQ, &bytes);
-        return bytes;
-    }
 
   private:
-    const char *const path_;
-    int listener_ = -1;
+    const std::string path_;
+    const int listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int client_ = -1;
 };

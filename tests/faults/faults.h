@@ -1,21 +1,15 @@
 // What libfaults.so, which stands before the C library, makes go wrong.
 #pragma once
 
+#include <atomic>
+
 namespace faults {
 
-enum Kind {
-    none,
-    no_memory,   // malloc, calloc, realloc: NULL
-    short_read,  // read, recv: one byte
-    short_write, // write, send, sendmsg, writev: one byte
-    eintr,       // the same four groups and poll: -1, EINTR
-    eagain,      // read, write groups: -1, EAGAIN
-    emfile,      // socket, eventfd, pipe2, dup3 and the like: -1, EMFILE
-};
+constexpr int one_byte = -1;
 
-// The n-th call (from 1) that `kind` is about fails, in any thread; only calls of the SDK and the host bus count.
-void arm(Kind kind, int n);
-// Ends it and tells whether the n-th call came.
-bool disarm();
+// The call that counts `left` down to 0 fails with `error`, in any thread: ENOMEM malloc and its like; EAGAIN, or reads
+// and writes no more than one_byte, read, recv, write and sendmsg; EINTR these, poll and connect; EMFILE socket,
+// eventfd and dup3. Those that the SDK or the host bus make are counted.
+extern __attribute__((visibility("default"))) std::atomic<int> error, left;
 
 } // namespace faults

@@ -1,25 +1,21 @@
 #include "faults.h"
 
-#include <atomic>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <dlfcn.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 #include <unistd.h>
-
-#define EXPORT extern "C" __attribute__((visibility("default")))
 
 extern "C" void *__libc_malloc(size_t);
 extern "C" void *__libc_calloc(size_t, size_t);
 extern "C" void *__libc_realloc(void *, size_t);
 
-namespace {
+std::atomic<int> faults::error{0}, faults::left{0};
 
-std::atomic<int> g_kind{faults::none};
-std::atomic<int> g_left{0};
+namespace {
 
 bool counts(void *caller) {
     Dl_info info;
@@ -29,109 +25,68 @@ bool counts(void *caller) {
     return strstr(info.dli_fname, "libtavrik") || (TAVRIK_HOST_BUS && strstr(info.dli_fname, "libubox"));
 }
 
-bool hit(unsigned kinds, void *caller) {
-    const int kind = g_kind.load(std::memory_order_relaxed);
-    return kind && (kinds >> kind & 1) && counts(caller) && --g_left == 0;
+// What a call meets, of what it may meet; else 0.
+int met(std::initializer_list<int> errors, void *caller) {
+    const int error = faults::error;
+    if (std::count(errors.begin(), errors.end(), error) == 0 || !counts(caller) || --faults::left)
+        return 0;
+    return errno = error;
 }
 
-constexpr unsigned bit(faults::Kind kind) {
-    return 1u << kind;
-}
-constexpr unsigned kRead = bit(faults::short_read) | bit(faults::eintr) | bit(faults::eagain);
-constexpr unsigned kWrite = bit(faults::short_write) | bit(faults::eintr) | bit(faults::eagain);
+constexpr auto kData = {EAGAIN, EINTR, faults::one_byte};
 
-// True when the call fails; else it is to be a short one.
-bool fails() {
-    const int kind = g_kind;
-    errno = kind == faults::eintr ? EINTR : kind == faults::eagain ? EAGAIN : EMFILE;
-    return kind == faults::eintr || kind == faults::eagain || kind == faults::emfile;
-}
-
-template <class Function>
-Function next(const char *name) {
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+template <auto Function>
+auto next(const char *name) {
+    return reinterpret_cast<decltype(Function)>(dlsym(RTLD_NEXT, name));
 }
 
 } // namespace
 
-__attribute__((visibility("default"))) void faults::arm(Kind kind, int n) {
-    g_left = n;
-    g_kind = kind;
-}
-
-__attribute__((visibility("default"))) bool faults::disarm() {
-    g_kind = none;
-    return g_left <= 0;
-}
-
 #define CALLER __builtin_return_address(0)
+#pragma GCC visibility push(default)
+extern "C" {
 
-EXPORT void *malloc(size_t size) {
-    return hit(bit(faults::no_memory), CALLER) ? nullptr : __libc_malloc(size);
+void *malloc(size_t size) {
+    return met({ENOMEM}, CALLER) ? nullptr : __libc_malloc(size);
 }
-
-EXPORT void *calloc(size_t count, size_t size) {
-    return hit(bit(faults::no_memory), CALLER) ? nullptr : __libc_calloc(count, size);
+void *calloc(size_t count, size_t size) {
+    return met({ENOMEM}, CALLER) ? nullptr : __libc_calloc(count, size);
 }
-
-EXPORT void *realloc(void *old, size_t size) {
-    return hit(bit(faults::no_memory), CALLER) ? nullptr : __libc_realloc(old, size);
+void *realloc(void *old, size_t size) {
+    return met({ENOMEM}, CALLER) ? nullptr : __libc_realloc(old, size);
 }
-
-EXPORT ssize_t read(int fd, void *buffer, size_t size) {
-    static const auto real = next<decltype(&::read)>("read");
-    if (!hit(kRead, CALLER))
-        return real(fd, buffer, size);
-    return fails() ? -1 : real(fd, buffer, size ? 1 : 0);
+ssize_t read(int fd, void *buffer, size_t size) {
+    const int error = met(kData, CALLER);
+    return error > 0 ? -1 : next<&read>("read")(fd, buffer, error ? std::min<size_t>(size, 1) : size);
 }
-
-EXPORT ssize_t recv(int fd, void *buffer, size_t size, int flags) {
-    static const auto real = next<decltype(&::recv)>("recv");
-    if (!hit(kRead, CALLER))
-        return real(fd, buffer, size, flags);
-    return fails() ? -1 : real(fd, buffer, size ? 1 : 0, flags);
+ssize_t recv(int fd, void *buffer, size_t size, int flags) {
+    const int error = met(kData, CALLER);
+    return error > 0 ? -1 : next<&recv>("recv")(fd, buffer, error ? std::min<size_t>(size, 1) : size, flags);
 }
-
-EXPORT ssize_t write(int fd, const void *buffer, size_t size) {
-    static const auto real = next<decltype(&::write)>("write");
-    if (!hit(kWrite, CALLER))
-        return real(fd, buffer, size);
-    return fails() ? -1 : real(fd, buffer, size ? 1 : 0);
+ssize_t write(int fd, const void *buffer, size_t size) {
+    const int error = met(kData, CALLER);
+    return error > 0 ? -1 : next<&write>("write")(fd, buffer, error ? std::min<size_t>(size, 1) : size);
 }
-
-EXPORT ssize_t sendmsg(int fd, const msghdr *message, int flags) {
-    static const auto real = next<decltype(&::sendmsg)>("sendmsg");
-    if (!hit(kWrite, CALLER))
-        return real(fd, message, flags);
-    if (fails())
-        return -1;
-    for (size_t i = 0; i < message->msg_iovlen; i++)
+ssize_t sendmsg(int fd, const msghdr *message, int flags) {
+    const int error = met(kData, CALLER);
+    for (size_t i = 0; error == faults::one_byte && i < message->msg_iovlen; i++)
         if (message->msg_iov[i].iov_len)
             return send(fd, message->msg_iov[i].iov_base, 1, flags);
-    return real(fd, message, flags);
+    return error > 0 ? -1 : next<&sendmsg>("sendmsg")(fd, message, flags);
 }
-
-EXPORT int poll(pollfd *fds, nfds_t count, int timeout) {
-    static const auto real = next<decltype(&::poll)>("poll");
-    return hit(bit(faults::eintr), CALLER) && fails() ? -1 : real(fds, count, timeout);
+int poll(pollfd *fds, nfds_t count, int timeout) {
+    return met({EINTR}, CALLER) ? -1 : next<&poll>("poll")(fds, count, timeout);
 }
-
-EXPORT int socket(int domain, int type, int protocol) {
-    static const auto real = next<decltype(&::socket)>("socket");
-    return hit(bit(faults::emfile), CALLER) && fails() ? -1 : real(domain, type, protocol);
+int connect(int fd, const sockaddr *address, socklen_t length) {
+    return met({EINTR}, CALLER) ? -1 : next<&connect>("connect")(fd, address, length);
 }
-
-EXPORT int connect(int fd, const sockaddr *address, socklen_t length) {
-    static const auto real = next<decltype(&::connect)>("connect");
-    return hit(bit(faults::eintr), CALLER) && fails() ? -1 : real(fd, address, length);
+int socket(int domain, int type, int protocol) noexcept {
+    return met({EMFILE}, CALLER) ? -1 : next<&socket>("socket")(domain, type, protocol);
 }
-
-EXPORT int dup3(int from, int to, int flags) {
-    static const auto real = next<decltype(&::dup3)>("dup3");
-    return hit(bit(faults::emfile), CALLER) && fails() ? -1 : real(from, to, flags);
+int dup3(int from, int to, int flags) noexcept {
+    return met({EMFILE}, CALLER) ? -1 : next<&dup3>("dup3")(from, to, flags);
 }
-
-EXPORT int eventfd(unsigned count, int flags) noexcept {
-    static const auto real = next<decltype(&::eventfd)>("eventfd");
-    return hit(bit(faults::emfile), CALLER) && fails() ? -1 : real(count, flags);
+int eventfd(unsigned count, int flags) noexcept {
+    return met({EMFILE}, CALLER) ? -1 : next<&eventfd>("eventfd")(count, flags);
+}
 }

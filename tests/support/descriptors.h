@@ -1,9 +1,16 @@
-// The process without a free descriptor.
+// The descriptors of the process: how many there are, and none to be had.
 #pragma once
 
+#include <filesystem>
 #include <sys/resource.h>
 #include <unistd.h>
 
+// Of "/proc/self/fd", or of another folder.
+inline long entries_of(const char *folder) {
+    return std::distance(std::filesystem::directory_iterator(folder), {});
+}
+
+// The process without a free descriptor.
 class NoDescriptors {
   public:
     explicit NoDescriptors(bool none = true) {
