@@ -4,13 +4,18 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <iterator>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "tavrik_sdk.h"
@@ -91,6 +96,60 @@ inline std::vector<std::string> sent() {
     return texts;
 }
 
+// The values with blanks between them; they are read here, so that the first may be the call that writes the others.
+template <class... Values>
+std::string words(const Values &...values) {
+    std::ostringstream text;
+    ((text << ' ' << values), ...);
+    return text.str().substr(1);
+}
+
+// The result of an operation that tells a number, and the number; 77 was there before.
+inline std::string number(int (*tell)(int *)) {
+    int number = 77;
+    return words(tell(&number), number);
+}
+
+// "KEY=VALUE KEY=VALUE…" as an object. A value goes to the next key; it is JSON, or a text where it cannot be read so.
+inline nlohmann::json fields(const std::string &text) {
+    nlohmann::json object;
+    const std::regex key("(^| )([a-z_0-9]+)=");
+    for (std::sregex_iterator at(text.begin(), text.end(), key), next, end; at != end; at = next) {
+        next = std::next(at);
+        const std::string value((*at)[0].second, next == end ? text.end() : (*next)[0].first);
+        const auto parsed = nlohmann::json::parse(value, nullptr, false);
+        object[(*at)[2]] = parsed.is_discarded() ? nlohmann::json(value) : parsed;
+    }
+    return object;
+}
+
+// Steps parted by " | ": "SERVICE MATCH FIELDS" and "SERVICE FIELDS" are faults, "FIELDS" are fields of the modem.
+inline void given(const std::string &steps) {
+    const std::regex fault_step("(at|atind|bus|power|ril) (?:(?![a-z_0-9]+=)([^ ]+) )?([\\s\\S]+)");
+    for (size_t from = 0, to; from < steps.size(); from = to + 3) {
+        to = std::min(steps.find(" | ", from), steps.size());
+        const std::string step = steps.substr(from, to - from);
+        std::smatch parts;
+        if (!std::regex_match(step, parts, fault_step)) {
+            call("state", fields(step));
+            continue;
+        }
+        nlohmann::json fault = fields(parts[3]);
+        fault["service"] = parts[1].str();
+        if (parts[2].matched)
+            fault["match"] = parts[2].str();
+        call("fault", fault);
+    }
+}
+
+// One case of an operation: what is given(), the call with its result and outputs, what is sent() with blanks between,
+// and the log.
+struct Row {
+    std::string given;
+    std::function<std::string()> run;
+    std::string outcome, wire, log = {};
+};
+
 // One operation with the simulated modem.
 struct Exchange {
     const char *what;
@@ -132,6 +191,25 @@ class AtTest : public testing::Test {
             EXPECT_EQ(sent(), exchange.wire);
             call("reset");
         }
+    }
+    static void table(const std::vector<Row> &rows) {
+        for (const Row &row : rows) {
+            SCOPED_TRACE(row.given);
+            given(row.given);
+            std::string outcome, wire;
+            EXPECT_EQ(log_of([&] { outcome = row.run(); }), row.log);
+            EXPECT_EQ(outcome, row.outcome);
+            for (const std::string &text : sent())
+                wire += (wire.empty() ? "" : " ") + text;
+            EXPECT_EQ(wire, row.wire);
+            call("reset");
+        }
+    }
+    // Calls that end with -1 and one line of the log, and send nothing.
+    static void refuse(const std::vector<std::pair<std::string, std::function<int()>>> &calls) {
+        for (const auto &[line, run] : calls)
+            EXPECT_EQ(log_of([&run = run] { EXPECT_EQ(run(), -1); }), line + "\n");
+        EXPECT_TRUE(sent().empty());
     }
 };
 
