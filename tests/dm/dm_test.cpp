@@ -1,290 +1,158 @@
 // Identity and phone mode against the simulated modem, and against answers that no modem should give.
 #include <atomic>
-#include <cstring>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "support/sim.h"
-#include "tavrik_sdk.h"
 
 namespace {
 
-using nlohmann::json;
-using sim::fault, sim::hex, sim::log_of;
+using sim::log_of, sim::number, sim::words;
 
-class Dm : public testing::Test {
-  protected:
-    Dm() {
-        sim::call("reset");
-        Tavrik_Switch_Log_Mode(TAVRIK_LOG_STDOUT);
-        EXPECT_EQ(Tavrik_AT_Init(), 0);
-    }
-    ~Dm() { Tavrik_AT_Deinit(); }
-};
-
-std::vector<std::string> requests_with(int id) {
-    std::vector<std::string> payloads;
-    const json record = sim::call("record", {{"kind", "ril"}, {"id", id}});
-    for (const json &entry : record["entries"])
-        payloads.push_back(entry.value("data", "none"));
-    return payloads;
-}
+class Dm : public sim::AtTest {};
 
 TEST_F(Dm, ReadsVersionTexts) {
-    sim::call("state", {{"manufacturer", "Tavrik Works"}, {"model", "TM-7"}, {"revision", "R2.1"}});
-    Tavrik_VersionInfo info;
-    EXPECT_EQ(Tavrik_DM_GetVersionInfo(&info), 0);
-    EXPECT_STREQ(info.manufacturer, "Tavrik Works");
-    EXPECT_STREQ(info.model, "TM-7");
-    EXPECT_STREQ(info.revision, "R2.1");
-
-    const std::string text(60, 'm');
-    const struct {
-        const char *what;
-        json effect;
-        int result;
-        const char *manufacturer, *model, *revision; // "##" where nothing was written
-        std::string log;
-    } cases[] = {
-        {"blanks at the ends",
-         {{"raw", "Manufacturer: \t A B \t\r\nModel:M\r\nRevision:  \r\nOK\r\n"}},
-         0,
-         "A B",
-         "M",
-         "",
-         ""},
-        {"too long for the fields",
-         {{"raw", "Manufacturer: " + text + "\r\nModel: " + text + "\r\nRevision: " + text + "\r\nOK\r\n"}},
-         0,
-         "mmmmmmmmmmmmmmmmmmm",
-         "mmmmmmmmmmmmmmmmmmmmmmmmmmmmm",
-         "mmmmmmmmmmmmmmmmmmmmmmmmmmmmmmmmmmmmmmm",
-         ""},
-        {"exact fit",
-         {{"raw", "Manufacturer: " + text.substr(0, 19) + "\r\nModel:M\r\nRevision:R\r\nOK\r\n"}},
-         0,
-         "mmmmmmmmmmmmmmmmmmm",
-         "M",
-         "R",
-         ""},
-        {"no revision",
-         {{"raw", "Manufacturer: A\r\nModel: M\r\nOK\r\n"}},
-         -1,
-         "A",
-         "M",
-         "",
-         "handle_response_data: failed to match the keyword\nTavrik_DM_GetVersionInfo: get revision failed\n"},
-        {"no model",
-         {{"raw", "Manufacturer: A\r\nRevision: R\r\nOK\r\n"}},
-         -1,
-         "A",
-         "",
-         "##",
-         "handle_response_data: failed to match the keyword\nTavrik_DM_GetVersionInfo: get model failed\n"},
-        {"no line end",
-         {{"raw", "OK Manufacturer: A"}},
-         -1,
-         "",
-         "##",
-         "##",
-         "handle_response_data: failed to match the \\r\\n\nTavrik_DM_GetVersionInfo: get manufacturer failed\n"},
-        {"error", {{"error", 3}}, -1, "##", "##", "##", "Tavrik_AT_Send: response error\n"},
-        {"gone", {{"close", true}}, -1, "##", "##", "##", "Tavrik_AT_Send: read error!\n"},
+    // "RESULT|MANUFACTURER|MODEL|REVISION"; "#" where nothing was written
+    const auto version = [] {
+        Tavrik_VersionInfo info = {"#", "#", "#"};
+        const int result = Tavrik_DM_GetVersionInfo(&info);
+        return words(result, "|", info.manufacturer, "|", info.model, "|", info.revision);
     };
-    for (const auto &test : cases) {
-        SCOPED_TRACE(test.what);
-        fault("at", "AT+PALDEXATI", test.effect);
-        memset(&info, 0, sizeof info);
-        memset(info.manufacturer, '#', 2);
-        memset(info.model, '#', 2);
-        memset(info.revision, '#', 2);
-        EXPECT_EQ(log_of([&] { EXPECT_EQ(Tavrik_DM_GetVersionInfo(&info), test.result); }), test.log);
-        EXPECT_STREQ(info.manufacturer, test.manufacturer);
-        EXPECT_STREQ(info.model, test.model);
-        EXPECT_STREQ(info.revision, test.revision);
-        sim::call("clear");
-    }
-    EXPECT_EQ(log_of([] { EXPECT_EQ(Tavrik_DM_GetVersionInfo(nullptr), -1); }),
-              "Tavrik_DM_GetVersionInfo: Parameter input error\n");
+    const std::string wire = "AT+PALDEXATI", self = "Tavrik_DM_GetVersionInfo: ", longer(60, 'm'), m19(19, 'm'),
+                      m29(29, 'm'), m39(39, 'm'), answer = "at * raw=Manufacturer: ";
+    table({
+        {"manufacturer=Tavrik Works model=TM-7 revision=R2.1", version, "0 | Tavrik Works | TM-7 | R2.1", wire},
+        {answer + "\t A B \t\r\nModel:M\r\nRevision:  \r\nOK\r\n", version, "0 | A B | M | ", wire},
+        {answer + longer + "\r\nModel: " + longer + "\r\nRevision: " + longer + "\r\nOK\r\n", version,
+         "0 | " + m19 + " | " + m29 + " | " + m39, wire},
+        {answer + m19 + "\r\nModel:M\r\nRevision:R\r\nOK\r\n", version, "0 | " + m19 + " | M | R", wire},
+        {answer + "A\r\nModel: M\r\nOK\r\n", version, "-1 | A | M | ", wire,
+         sim::unmatched + self + "get revision failed\n"},
+        {answer + "A\r\nRevision: R\r\nOK\r\n", version, "-1 | A |  | #", wire,
+         sim::unmatched + self + "get model failed\n"},
+        {"at * raw=OK Manufacturer: A", version, "-1 |  | # | #", wire,
+         "handle_response_data: failed to match the \\r\\n\n" + self + "get manufacturer failed\n"},
+        {"at * error=3", version, "-1 | # | # | #", wire, sim::refused},
+        {"at * close=true", version, "-1 | # | # | #", wire, "Tavrik_AT_Send: read error!\n"},
+    });
+    refuse({{self + "Parameter input error", [] { return Tavrik_DM_GetVersionInfo(nullptr); }}});
 }
 
 TEST_F(Dm, ReadsImei) {
-    sim::call("state", {{"imei", "490154203237518"}});
-    const std::string unusable = "Tavrik_DM_GetIMEI: Parsing the response data failed\n",
-                      failed = "Tavrik_DM_GetIMEI: Failed to get imei\n", callback = "get_imei_request_cb: ";
-    const struct {
-        const char *what;
-        json effect;
-        const char *imei; // NULL: the call fails
-        std::string log;
-    } cases[] = {
-        {"as it is", nullptr, "490154203237518", ""},
-        {"longer than the field", {{"data", hex("12345678901234567890")}}, "123456789012345", ""},
-        {"shorter", {{"data", hex("123")}}, "123", ""},
-        {"with a zero byte inside",
-         {{"data", hex(std::string("12\0"
-                                   "45",
-                                   5))}},
-         "12",
-         ""},
-        {"of another request", {{"id", 39}}, nullptr, callback + "The response not for the request\n" + unusable},
-        {"error", {{"error", -2}, {"data", "00"}}, nullptr, callback + "response error -2\n" + unusable},
-        {"error, and of another request",
-         {{"error", 1}, {"id", 1}, {"data", "00"}},
-         nullptr,
-         callback + "The response not for the request\n" + unusable},
-        {"error without data", {{"error", 2}}, nullptr, callback + "no response data\n" + unusable},
-        {"no data", {{"data", nullptr}}, nullptr, callback + "no response data\n" + unusable},
-        {"empty data", {{"data", ""}}, nullptr, callback + "no response data\n" + unusable},
-        {"no RIL reply", {{"raw", "noise"}}, nullptr, callback + "Call back Parse response failed\n" + unusable},
-        {"no reply at all", {{"times", 0}}, nullptr, unusable},
-        {"refused",
-         {{"status", 6}, {"times", 0}},
-         nullptr,
-         "tavrik_ubus_invoke: Failed to ubus invoke: Permission denied\n" + failed},
-        {"too late",
-         {{"delay", 3500}},
-         nullptr,
-         "tavrik_ubus_invoke: Failed to ubus invoke: Request timed out\n" + failed},
-    };
-    for (const auto &test : cases) {
-        SCOPED_TRACE(test.what);
-        if (!test.effect.is_null())
-            fault("ril", 38, test.effect);
-        char imei[TAVRIK_IMEI_SIZE + 1] = "################";
+    const auto imei = [] {
+        char text[TAVRIK_IMEI_SIZE + 1] = "################";
         int length = -7;
-        EXPECT_EQ(log_of([&] { EXPECT_EQ(Tavrik_DM_GetIMEI(imei, &length), test.imei ? 0 : -1); }), test.log);
-        EXPECT_STREQ(imei, test.imei ? test.imei : "################");
-        EXPECT_EQ(length, test.imei ? int(strlen(test.imei)) : -7);
-        EXPECT_EQ(imei[TAVRIK_IMEI_SIZE], 0);
-        sim::call("clear");
-    }
-    char imei[TAVRIK_IMEI_SIZE];
-    int length;
-    EXPECT_EQ(log_of([&] { EXPECT_EQ(Tavrik_DM_GetIMEI(nullptr, &length), -1); }),
-              "Tavrik_DM_GetIMEI: Parameter input error\n");
-    EXPECT_EQ(Tavrik_DM_GetIMEI(imei, nullptr), -1);
-}
-
-TEST_F(Dm, SwitchesThePhoneMode) {
-    int mode = -7;
-    EXPECT_EQ(Tavrik_DM_SetPhoneMode(TAVRIK_PHONE_MODE_MINIMUM), 0);
-    EXPECT_EQ(Tavrik_DM_GetPhoneMode(&mode), 0);
-    EXPECT_EQ(mode, TAVRIK_PHONE_MODE_MINIMUM);
-    EXPECT_EQ(Tavrik_DM_SetPhoneMode(TAVRIK_PHONE_MODE_ONLINE), 0);
-    EXPECT_EQ(Tavrik_DM_GetPhoneMode(&mode), 0);
-    EXPECT_EQ(mode, TAVRIK_PHONE_MODE_ONLINE);
-    for (const int wrong : {0, 3, -1})
-        EXPECT_EQ(log_of([&] { EXPECT_EQ(Tavrik_DM_SetPhoneMode(wrong), -1); }),
-                  "Tavrik_DM_SetPhoneMode: Parameter input error\n");
-    EXPECT_EQ(requests_with(538), (std::vector<std::string>{"00000000", "01000000"}));
-    EXPECT_EQ(requests_with(537), (std::vector<std::string>{"none", "none"}));
-    sim::call("state", {{"mode", 4}});
-    EXPECT_EQ(log_of([&] { EXPECT_EQ(Tavrik_DM_GetPhoneMode(&mode), 0); }), "dms_get_op_mode_cb: cfun mode : 4\n");
-    EXPECT_EQ(mode, TAVRIK_PHONE_MODE_OTHER);
-    EXPECT_EQ(log_of([] { EXPECT_EQ(Tavrik_DM_GetPhoneMode(nullptr), -1); }),
-              "Tavrik_DM_GetPhoneMode: Parameter input error\n");
-}
-
-TEST_F(Dm, TellsWhyThePhoneModeFailed) {
-    const struct {
-        const char *what;
-        json effect;
-        int get_result;
-        const char *get_log;
-        int set_result;
-        const char *set_log;
-    } cases[] = {
-        {"error", {{"error", 2}}, -1, "dms_get_op_mode_cb: errcode : 2\n", -1, "dms_set_op_mode_cb: errorcode : 2\n"},
-        {"no RIL reply",
-         {{"raw", "noise"}},
-         -1,
-         "dms_get_op_mode_cb: parse get cfun data failed\n",
-         -1,
-         "dms_set_op_mode_cb: parse set op mode data failed\n"},
-        {"no data", {{"data", nullptr}}, -1, "dms_get_op_mode_cb: data is null\n", 0, ""},
-        {"three bytes", {{"data", "010000"}}, -1, "dms_get_op_mode_cb: data is null\n", 0, ""},
-        {"five bytes", {{"data", "0100000000"}}, 0, "", 0, ""},
-        {"no reply at all", {{"times", 0}}, -1, "", -1, ""},
-        {"refused",
-         {{"status", 6}, {"times", 0}},
-         -1,
-         "Tavrik_DM_GetPhoneMode: ubus invoke failed, ret[6]\n",
-         -1,
-         "Tavrik_DM_SetPhoneMode: ubus_invoke failed, ret[6]\n"},
+        const int result = Tavrik_DM_GetIMEI(text, &length);
+        EXPECT_EQ(text[TAVRIK_IMEI_SIZE], 0);
+        return words(result, length, text);
     };
-    for (const auto &test : cases) {
-        SCOPED_TRACE(test.what);
-        fault("ril", "*", test.effect);
-        int mode = -7;
-        EXPECT_EQ(log_of([&] { EXPECT_EQ(Tavrik_DM_GetPhoneMode(&mode), test.get_result); }), test.get_log);
-        EXPECT_EQ(mode, test.get_result ? -7 : 1);
-        EXPECT_EQ(log_of([&] { EXPECT_EQ(Tavrik_DM_SetPhoneMode(1), test.set_result); }), test.set_log);
-        sim::call("clear");
-    }
-    int mode;
-    sim::call("fault", {{"service", "ril"}, {"stop", true}});
-    EXPECT_EQ(log_of([&] { EXPECT_EQ(Tavrik_DM_GetPhoneMode(&mode), -1); }),
-              "Tavrik_DM_GetPhoneMode: ubus_lookup_id failed, ret[4]\n");
-    EXPECT_EQ(log_of([&] { EXPECT_EQ(Tavrik_DM_SetPhoneMode(1), -1); }),
-              "Tavrik_DM_SetPhoneMode: ubus_lookup_id failed, ret[4]\n");
-    sim::call("fault", {{"service", "bus"}, {"stop", true}});
-    EXPECT_EQ(log_of([&] { EXPECT_EQ(Tavrik_DM_GetPhoneMode(&mode), -1); }),
-              "Tavrik_DM_GetPhoneMode: ubus connect failed\n");
-    EXPECT_EQ(log_of([&] { EXPECT_EQ(Tavrik_DM_SetPhoneMode(0), -1); }),
-              "Tavrik_DM_SetPhoneMode: ubus connect failed\n");
+    const std::string wire = "ril 38", none = "-1 -7 ################", callback = "get_imei_request_cb: ",
+                      unusable = "Tavrik_DM_GetIMEI: Parsing the response data failed\n",
+                      failed = "Tavrik_DM_GetIMEI: Failed to get imei\n",
+                      other = callback + "The response not for the request\n" + unusable,
+                      empty = callback + "no response data\n" + unusable;
+    table({
+        {"imei=\"490154203237518\"", imei, "0 15 490154203237518", wire},
+        {"ril * data=\"" + sim::hex("12345678901234567890") + "\"", imei, "0 15 123456789012345", wire},
+        {"ril * data=\"3132003435\"", imei, "0 2 12", wire},
+        {"ril * id=39", imei, none, wire, other},
+        {"ril * error=-2 data=\"00\"", imei, none, wire, callback + "response error -2\n" + unusable},
+        {"ril * error=1 id=1 data=\"00\"", imei, none, wire, other},
+        {"ril * error=2", imei, none, wire, empty},
+        {"ril * data=null", imei, none, wire, empty},
+        {"ril * data=\"\"", imei, none, wire, empty},
+        {"ril * raw=noise", imei, none, wire, callback + "Call back Parse response failed\n" + unusable},
+        {"ril * times=0", imei, none, wire, unusable},
+        {"ril * status=6 times=0", imei, none, wire,
+         "tavrik_ubus_invoke: Failed to ubus invoke: Permission denied\n" + failed},
+        {"ril * delay=3500", imei, none, wire,
+         "tavrik_ubus_invoke: Failed to ubus invoke: Request timed out\n" + failed},
+    });
+    char text[TAVRIK_IMEI_SIZE];
+    int length;
+    refuse({{"Tavrik_DM_GetIMEI: Parameter input error", [&] { return Tavrik_DM_GetIMEI(nullptr, &length); }},
+            {"Tavrik_DM_GetIMEI: Parameter input error", [&] { return Tavrik_DM_GetIMEI(text, nullptr); }}});
+}
+
+TEST_F(Dm, ReadsAndSwitchesThePhoneMode) {
+    const auto get = [] { return number(Tavrik_DM_GetPhoneMode); };
+    const auto online = [] { return words(Tavrik_DM_SetPhoneMode(TAVRIK_PHONE_MODE_ONLINE)); };
+    const auto minimum = [] { return words(Tavrik_DM_SetPhoneMode(TAVRIK_PHONE_MODE_MINIMUM)); };
+    const std::string asked = "ril 537", on = "ril 538 01000000", got = "dms_get_op_mode_cb: ",
+                      getting = "Tavrik_DM_GetPhoneMode: ", setting = "Tavrik_DM_SetPhoneMode: ";
+    table({
+        {"mode=0", get, "0 2", asked},
+        {"mode=1", get, "0 1", asked},
+        {"mode=4", get, "0 0", asked, got + "cfun mode : 4\n"},
+        {"ril * data=\"0100000000\"", get, "0 1", asked},
+        {"ril * error=2", get, "-1 77", asked, got + "errcode : 2\n"},
+        {"ril * raw=noise", get, "-1 77", asked, got + "parse get cfun data failed\n"},
+        {"ril * data=null", get, "-1 77", asked, got + "data is null\n"},
+        {"ril * data=\"010000\"", get, "-1 77", asked, got + "data is null\n"},
+        {"ril * times=0", get, "-1 77", asked},
+        {"ril * status=6 times=0", get, "-1 77", asked, getting + "ubus invoke failed, ret[6]\n"},
+        {"ril stop=true", get, "-1 77", "", getting + "ubus_lookup_id failed, ret[4]\n"},
+        {"bus stop=true", get, "-1 77", "", getting + "ubus connect failed\n"},
+
+        {"", online, "0", on},
+        {"", minimum, "0", "ril 538 00000000"},
+        {"ril * data=null", online, "0", on},
+        {"ril * error=2", online, "-1", on, "dms_set_op_mode_cb: errorcode : 2\n"},
+        {"ril * raw=noise", online, "-1", on, "dms_set_op_mode_cb: parse set op mode data failed\n"},
+        {"ril * times=0", online, "-1", on},
+        {"ril * status=6 times=0", online, "-1", on, setting + "ubus_invoke failed, ret[6]\n"},
+        {"ril stop=true", online, "-1", "", setting + "ubus_lookup_id failed, ret[4]\n"},
+        {"bus stop=true", [] { return words(Tavrik_DM_SetPhoneMode(0)); }, "-1", "", setting + "ubus connect failed\n"},
+    });
+    refuse({{getting + "Parameter input error", [] { return Tavrik_DM_GetPhoneMode(nullptr); }},
+            {setting + "Parameter input error", [] { return Tavrik_DM_SetPhoneMode(0); }},
+            {setting + "Parameter input error", [] { return Tavrik_DM_SetPhoneMode(3); }}});
 }
 
 // The exported reply handlers on requests of the application, with private pointers that are its own.
 TEST_F(Dm, HandlersTrustNoPrivatePointer) {
     EXPECT_EQ(log_of([] {
-                  get_imei_request_cb(nullptr, 0, nullptr);
-                  dms_get_op_mode_cb(nullptr, 0, nullptr);
-                  dms_set_op_mode_cb(nullptr, 0, nullptr);
+                  for (const auto handler : {get_imei_request_cb, dms_get_op_mode_cb, dms_set_op_mode_cb})
+                      handler(nullptr, 0, nullptr);
               }),
               "get_imei_request_cb: Call back Parse response failed\n"
               "dms_get_op_mode_cb: parse get cfun data failed\n"
               "dms_set_op_mode_cb: parse set op mode data failed\n");
-    char untouched[64];
-    memset(untouched, '#', sizeof untouched);
-    for (void *priv : {(void *)nullptr, (void *)1, (void *)untouched})
+    const std::string before(64, '#');
+    std::string own = before;
+    for (void *priv : {(void *)nullptr, (void *)1, (void *)own.data()})
         EXPECT_EQ(log_of([&] {
                       EXPECT_EQ(tavrik_ubus_invoke(38, get_imei_request_cb, priv, 3000), 0);
                       EXPECT_EQ(tavrik_ubus_invoke(537, dms_get_op_mode_cb, priv, 3000), 0);
                       EXPECT_EQ(tavrik_ubus_invoke(900, get_imei_request_cb, priv, 3000), 0);
                   }),
                   "get_imei_request_cb: The response not for the request\n");
-    EXPECT_EQ(std::string(untouched, sizeof untouched), std::string(64, '#'));
+    EXPECT_EQ(own, before);
 }
 
 // Each call has its own result: one whose reply is refused does not spoil another's, nor take it over.
 TEST_F(Dm, CallsShareNoResult) {
-    sim::call("state", {{"imei", "490154203237518"}, {"mode", 1}});
+    sim::given("imei=\"490154203237518\" mode=1");
     for (int nth = 2; nth < 400; nth += 3)
-        fault("ril", "38", {{"error", 7}, {"nth", nth}});
+        sim::fault("ril", "38", {{"error", 7}, {"nth", nth}});
     std::atomic<int> good{0}, refused{0}, wrong{0};
-    std::vector<std::thread> threads;
-    testing::internal::CaptureStdout();
-    for (int i = 0; i < 4; ++i)
-        threads.emplace_back([&] {
-            for (int round = 0; round < 100; ++round) {
-                char imei[TAVRIK_IMEI_SIZE] = "";
-                int length = 0, mode = 0;
-                if (Tavrik_DM_GetIMEI(imei, &length))
-                    ++refused;
-                else
-                    ++(length == 15 && !strcmp(imei, "490154203237518") ? good : wrong);
-                if (Tavrik_DM_GetPhoneMode(&mode) || mode != 1)
-                    ++wrong;
-            }
-        });
-    for (std::thread &thread : threads)
-        thread.join();
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(wrong, 0);
-    EXPECT_EQ(refused, 133);
-    EXPECT_EQ(good, 267);
+    log_of([&] {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 4; ++i)
+            threads.emplace_back([&] {
+                for (int round = 0; round < 100; ++round) {
+                    char imei[TAVRIK_IMEI_SIZE] = "";
+                    int length = 0;
+                    if (Tavrik_DM_GetIMEI(imei, &length))
+                        ++refused;
+                    else
+                        ++(length == 15 && !strcmp(imei, "490154203237518") ? good : wrong);
+                    wrong += number(Tavrik_DM_GetPhoneMode) != "0 1";
+                }
+            });
+        for (std::thread &thread : threads)
+            thread.join();
+    });
+    EXPECT_EQ(words(good, refused, wrong), "267 133 0");
 }
 
 } // namespace

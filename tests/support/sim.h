@@ -83,16 +83,21 @@ inline std::vector<std::string> recorded(const char *kind) {
     return texts;
 }
 
-// AT commands as they stand, and RIL requests as "ril ID" or "ril ID PAYLOAD", in order; they are forgotten then.
+// AT commands as they stand, RIL requests as "ril ID" or "ril ID PAYLOAD", and what was written for the kernel's power
+// management and run, with the kind in front; in order, and they are forgotten then.
 inline std::vector<std::string> sent() {
     std::vector<std::string> texts;
     const nlohmann::json record = call("record", {{"clear", true}});
-    for (const nlohmann::json &entry : record["entries"])
-        if (entry["kind"] == "at")
+    for (const nlohmann::json &entry : record["entries"]) {
+        const std::string kind = entry["kind"];
+        if (kind == "at")
             texts.push_back(entry.value("text", entry.value("hex", "")));
-        else if (entry["kind"] == "ril")
+        else if (kind == "ril")
             texts.push_back("ril " + entry["id"].dump() + (entry.contains("data") ? " " : "") +
                             entry.value("data", ""));
+        else if (kind == "autosleep" || kind == "wake_lock" || kind == "wake_unlock" || kind == "program")
+            texts.push_back(kind + " " + entry.value("text", ""));
+    }
     return texts;
 }
 
@@ -207,6 +212,7 @@ class AtTest : public testing::Test {
     }
     // Calls that end with -1 and one line of the log, and send nothing.
     static void refuse(const std::vector<std::pair<std::string, std::function<int()>>> &calls) {
+        sent();
         for (const auto &[line, run] : calls)
             EXPECT_EQ(log_of([&run = run] { EXPECT_EQ(run(), -1); }), line + "\n");
         EXPECT_TRUE(sent().empty());
