@@ -6,7 +6,7 @@
 
 namespace {
 
-using sim::log_of, sim::number, sim::words;
+using sim::calling, sim::log_of, sim::number, sim::words;
 
 class Dm : public sim::AtTest {};
 
@@ -75,8 +75,8 @@ TEST_F(Dm, ReadsImei) {
 
 TEST_F(Dm, ReadsAndSwitchesThePhoneMode) {
     const auto get = [] { return number(Tavrik_DM_GetPhoneMode); };
-    const auto online = [] { return words(Tavrik_DM_SetPhoneMode(TAVRIK_PHONE_MODE_ONLINE)); };
-    const auto minimum = [] { return words(Tavrik_DM_SetPhoneMode(TAVRIK_PHONE_MODE_MINIMUM)); };
+    const auto online = calling(Tavrik_DM_SetPhoneMode, TAVRIK_PHONE_MODE_ONLINE);
+    const auto minimum = calling(Tavrik_DM_SetPhoneMode, TAVRIK_PHONE_MODE_MINIMUM);
     const std::string asked = "ril 537", on = "ril 538 01000000", got = "dms_get_op_mode_cb: ",
                       getting = "Tavrik_DM_GetPhoneMode: ", setting = "Tavrik_DM_SetPhoneMode: ";
     table({
@@ -101,7 +101,7 @@ TEST_F(Dm, ReadsAndSwitchesThePhoneMode) {
         {"ril * times=0", online, "-1", on},
         {"ril * status=6 times=0", online, "-1", on, setting + "ubus_invoke failed, ret[6]\n"},
         {"ril stop=true", online, "-1", "", setting + "ubus_lookup_id failed, ret[4]\n"},
-        {"bus stop=true", [] { return words(Tavrik_DM_SetPhoneMode(0)); }, "-1", "", setting + "ubus connect failed\n"},
+        {"bus stop=true", calling(Tavrik_DM_SetPhoneMode, 0), "-1", "", setting + "ubus connect failed\n"},
     });
     refuse({{getting + "Parameter input error", [] { return Tavrik_DM_GetPhoneMode(nullptr); }},
             {setting + "Parameter input error", [] { return Tavrik_DM_SetPhoneMode(0); }},

@@ -7,12 +7,11 @@
 
 namespace {
 
-using sim::log_of, sim::sent, sim::words;
-using Run = std::function<std::string()>;
+using sim::calling, sim::log_of, sim::Operation, sim::sent, sim::words;
 
 class Power : public sim::AtTest {};
 
-Run lock(const std::string &name, uint32_t timeout_ms = 0) {
+Operation lock(const std::string &name, uint32_t timeout_ms = 0) {
     return [=] { return words(Tavrik_DM_CreatSourceLock(name.c_str(), timeout_ms)); };
 }
 int release(const std::string &name) {
@@ -24,7 +23,7 @@ std::string locks() {
     return text;
 }
 // In a process that can open nothing, so no command's output either.
-Run bare(const Run &run) {
+Operation bare(const Operation &run) {
     return [run] {
         const NoDescriptors none;
         return run();
@@ -32,15 +31,14 @@ Run bare(const Run &run) {
 }
 
 TEST_F(Power, SleepsAutomatically) {
-    const auto sleep_is = [](int on) { return [on] { return words(Tavrik_DM_SetAutoSleep(on)); }; };
     const std::string failed = "Tavrik_DM_SetAutoSleep: set autosleep mode failed\n";
     table({
-        {"", sleep_is(0), "0", "autosleep off"},
-        {"", sleep_is(1), "0", "autosleep mem"},
-        {"", sleep_is(2), "0", "autosleep mem"},
-        {"", sleep_is(-1), "0", "autosleep mem"},
-        {"power full=true", sleep_is(0), "-1", "", failed},
-        {"", bare(sleep_is(0)), "-1", "", failed},
+        {"", calling(Tavrik_DM_SetAutoSleep, 0), "0", "autosleep off"},
+        {"", calling(Tavrik_DM_SetAutoSleep, 1), "0", "autosleep mem"},
+        {"", calling(Tavrik_DM_SetAutoSleep, 2), "0", "autosleep mem"},
+        {"", calling(Tavrik_DM_SetAutoSleep, -1), "0", "autosleep mem"},
+        {"power full=true", calling(Tavrik_DM_SetAutoSleep, 0), "-1", "", failed},
+        {"", bare(calling(Tavrik_DM_SetAutoSleep, 0)), "-1", "", failed},
     });
 }
 
@@ -64,7 +62,7 @@ TEST_F(Power, TakesALock) {
         {"", lock(quotes), "0", "wake_lock " + quotes},
         {"", lock(""), "-1", "", null},
         {"", lock("a b"), "-1", "", null},
-        {"", [] { return words(Tavrik_DM_CreatSourceLock(nullptr, 0)); }, "-1", "", null},
+        {"", calling(Tavrik_DM_CreatSourceLock, nullptr, 0), "-1", "", null},
         {"power full=true", lock("gps"), "-1", "", failed("gps")},
         {"", bare(lock("gps")), "-1", "", failed("gps")},
     });
@@ -142,7 +140,7 @@ TEST_F(Power, BoundsOfNamesAndList) {
 }
 
 TEST_F(Power, Reboots) {
-    table({{"", [] { return words(Tavrik_DM_Reboot()); }, "0", "program reboot"}});
+    table({{"", calling(Tavrik_DM_Reboot), "0", "program reboot"}});
     const std::string path = getenv("PATH"), folder = "/tmp/programs";
     std::filesystem::create_directory(folder);
     write_file(folder + "/reboot", "#!/bin/sh\nexit 1\n");

@@ -3,7 +3,7 @@
 
 namespace {
 
-using sim::given, sim::log_of, sim::number, sim::refused, sim::unmatched, sim::words;
+using sim::calling, sim::given, sim::log_of, sim::number, sim::refused, sim::unmatched, sim::words;
 
 class Nw : public sim::AtTest {};
 
@@ -61,12 +61,12 @@ TEST_F(Nw, TellsTheSignal) {
 
 TEST_F(Nw, ReadsAndWritesSettings) {
     const auto mode = [] { return number(Tavrik_NW_GetPreferredMode); };
-    const auto set_mode_3 = [] { return words(Tavrik_NW_SetPreferredMode(3)); };
+    const auto set_mode_3 = calling(Tavrik_NW_SetPreferredMode, 3);
     const auto bands = [] {
         Tavrik_RfBandInfo info = {{7, 7, 7, 7}};
         return words(Tavrik_NW_GetRfBandInfo(&info), info.band[0], info.band[1], info.band[2], info.band[3]);
     };
-    const auto set_bands = [] { return words(Tavrik_NW_SetRfBandInfo(1, 2, 3, 4294967295u, 5)); };
+    const auto set_bands = calling(Tavrik_NW_SetRfBandInfo, 1, 2, 3, 4294967295u, 5);
     const auto volte = [] { return number(Tavrik_NW_GetVolteStatus); };
     const auto rejects = [] {
         Tavrik_RejectCause causes[TAVRIK_REJECT_CAUSES] = {};
@@ -76,7 +76,7 @@ TEST_F(Nw, ReadsAndWritesSettings) {
             text += "; " + words(causes[i].field[0], causes[i].field[1], causes[i].field[2]);
         return text;
     };
-    const auto lock = [] { return words(Tavrik_NW_CellLock(3, 1300, 22)); };
+    const auto lock = calling(Tavrik_NW_CellLock, 3, 1300, 22);
     const std::string ask = "AT*BAND?", set = "AT*BAND? AT*BAND=15,1,2,3,4294967295,,,,5", vol = "AT+CIREG?",
                       rej = "AT*REJCAUSE=2", cell = "AT*CELL=2,3,,1300,22",
                       told = "debug Tavrik_NW_SetPreferredMode: mode:4\n",
@@ -118,13 +118,13 @@ TEST_F(Nw, ReadsAndWritesSettings) {
 
         {"at * delay=2300", lock, "0", cell},
         {"at * error=ERROR", lock, "-1", cell, refused + "Tavrik_NW_CellLock: Tavrik_NW_CellLock, lock cell faid!\n"},
-        {"", [] { return words(Tavrik_NW_ResetCellLock()); }, "0", "AT*CELL=0,0,0,0,0"},
-        {"at * error=ERROR", [] { return words(Tavrik_NW_ResetCellLock()); }, "-1", "AT*CELL=0,0,0,0,0", refused},
-        {"", [] { return words(Tavrik_NW_RejectCauseSwitch(2)); }, "0", "AT*REJCAUSE=1"},
-        {"at * error=ERROR", [] { return words(Tavrik_NW_RejectCauseSwitch(0)); }, "-1", "AT*REJCAUSE=0", refused},
-        {"", [] { return words(Tavrik_Set_POWERIND(0)); }, "0", "AT*POWERIND=0"},
-        {"at * error=ERROR", [] { return words(Tavrik_Set_POWERIND(1)); }, "-1", "AT*POWERIND=31", refused},
-        {"", [] { return words(Tavrik_Set_POWERIND(2)); }, "-1", ""},
+        {"", calling(Tavrik_NW_ResetCellLock), "0", "AT*CELL=0,0,0,0,0"},
+        {"at * error=ERROR", calling(Tavrik_NW_ResetCellLock), "-1", "AT*CELL=0,0,0,0,0", refused},
+        {"", calling(Tavrik_NW_RejectCauseSwitch, 2), "0", "AT*REJCAUSE=1"},
+        {"at * error=ERROR", calling(Tavrik_NW_RejectCauseSwitch, 0), "-1", "AT*REJCAUSE=0", refused},
+        {"", calling(Tavrik_Set_POWERIND, 0), "0", "AT*POWERIND=0"},
+        {"at * error=ERROR", calling(Tavrik_Set_POWERIND, 1), "-1", "AT*POWERIND=31", refused},
+        {"", calling(Tavrik_Set_POWERIND, 2), "-1", ""},
     });
 }
 

@@ -109,6 +109,15 @@ std::string words(const Values &...values) {
     return text.str().substr(1);
 }
 
+// An operation as a Row has it: makes the call, and tells its result and outputs.
+using Operation = std::function<std::string()>;
+
+// Tells the result alone.
+template <class Function, class... Arguments>
+Operation calling(Function function, Arguments... arguments) {
+    return [=] { return words(function(arguments...)); };
+}
+
 // The result of an operation that tells a number, and the number; 77 was there before.
 inline std::string number(int (*tell)(int *)) {
     int number = 77;
@@ -147,11 +156,10 @@ inline void given(const std::string &steps) {
     }
 }
 
-// One case of an operation: what is given(), the call with its result and outputs, what is sent() with blanks between,
-// and the log.
+// One case of an operation: what is given(), the call, its outcome, what is sent() with blanks between, and the log.
 struct Row {
     std::string given;
-    std::function<std::string()> run;
+    Operation run;
     std::string outcome, wire, log = {};
 };
 

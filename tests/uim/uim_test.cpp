@@ -3,7 +3,7 @@
 
 namespace {
 
-using sim::given, sim::log_of, sim::refused, sim::unmatched, sim::words;
+using sim::calling, sim::given, sim::refused, sim::unmatched, sim::words;
 
 std::string status() {
     return sim::number([](int *state) { return Tavrik_UIM_GetUimCardStatus(0, state); });
@@ -89,8 +89,8 @@ TEST_F(Uim, ReadsImsiAndNumber) {
 }
 
 TEST_F(Uim, WritesTheNumber) {
-    const auto set = [](std::string text) {
-        return [text = std::move(text)] { return words(Tavrik_UIM_SetPhoneNum(0, text.c_str())); };
+    const auto set = [](const std::string &text) {
+        return [text] { return words(Tavrik_UIM_SetPhoneNum(0, text.c_str())); };
     };
     const std::string longest(51, '1'), plus = "+" + std::string(46, '1'), // the command has 64 bytes with its end
         command = "AT+CNUM=1,\"", invalid = "Tavrik_UIM_SetPhoneNum: phonenum is invalid\n";
@@ -113,10 +113,9 @@ TEST_F(Uim, WritesTheNumber) {
 TEST_F(Uim, SwitchesTheInterface) {
     table({
         {"", [] { return Tavrik_UIM_Powerdown(0) ? "not down" : status(); }, "0 0", "AT+CFUN=5 AT+CPIN?"},
-        {"at AT+CFUN=* delay=2500", [] { return words(Tavrik_UIM_Powerup(0)); }, "0", "AT+CFUN=1"},
-        {"at * error=ERROR", [] { return words(Tavrik_UIM_Powerup(0)); }, "-1", "AT+CFUN=1", refused},
-        {"at AT+CFUN=* delay=2500", [] { return words(Tavrik_UIM_Powerdown(0)); }, "-1", "AT+CFUN=5",
-         "Tavrik_AT_Send: time out\n"},
+        {"at AT+CFUN=* delay=2500", calling(Tavrik_UIM_Powerup, 0), "0", "AT+CFUN=1"},
+        {"at * error=ERROR", calling(Tavrik_UIM_Powerup, 0), "-1", "AT+CFUN=1", refused},
+        {"at AT+CFUN=* delay=2500", calling(Tavrik_UIM_Powerdown, 0), "-1", "AT+CFUN=5", "Tavrik_AT_Send: time out\n"},
     });
 }
 
@@ -143,9 +142,9 @@ TEST_F(Uim, RefusesBeforeSending) {
 }
 
 TEST_F(Uim, ChecksRilReplies) {
-    const auto ask_1 = [] { return words(tavrik_ubus_invoke(1, uim_status_request_cb, nullptr, 3000)); };
-    const auto ask_11 = [] { return words(tavrik_ubus_invoke(11, uim_imsi_request_cb, nullptr, 3000)); };
-    const auto ask_77 = [] { return words(tavrik_ubus_invoke(77, uim_phonenum_request_cb, nullptr, 3000)); };
+    const auto ask_1 = calling(tavrik_ubus_invoke, 1, uim_status_request_cb, nullptr, 3000);
+    const auto ask_11 = calling(tavrik_ubus_invoke, 11, uim_imsi_request_cb, nullptr, 3000);
+    const auto ask_77 = calling(tavrik_ubus_invoke, 77, uim_phonenum_request_cb, nullptr, 3000);
     const auto digits = [](size_t count) { return "ril * data=\"" + sim::hex(std::string(count, '1')) + "\""; };
     table({
         {"sim_status_length=280", ask_1, "0", "ril 1"},
