@@ -16,7 +16,7 @@ TEST_F(Nw, TellsTheRegistration) {
     };
     table({
         {"cereg=5 creg=3", state, "0 5 2 1", lte},
-        {"act=2 cgreg=2", state, "0 2 1 1", gsm},
+        {"act=2 cgreg=2 creg=5", state, "0 2 1 1", gsm},
         {"attached=false", state, "0 1 1 2", lte},
         {"at AT+CPSI? raw=\r\n+CPSI: LTE CAT-M1,Online\r\nOK\r\n", state, "0 1 1 1", gsm},
         {"at AT+CPSI? raw=\r\n+CPSI: \r\nOK\r\n", state, "0 1 1 1", gsm, "get_network_type" + no_state},
@@ -52,7 +52,7 @@ TEST_F(Nw, TellsTheSignal) {
         {"at AT+CESQ raw=\r\n+CESQ: 65537,0,65538,0,259,65540\r\nOK\r\n", signal, "0 4 1 4 3 18 11", wire},
         {"at AT+CESQ raw=\r\nOK\r\n", signal, "0 4 0 0 0 18 11", wire, unmatched + "get_signal_parameter" + nothing},
         {"act=2 rscp=48", signal, "0 3 48 -7 7 -7 -7", wire},
-        {"act=0 rxlev=33", signal, "0 2 33 -7 7 -7 -7", wire},
+        {"act=0 | at AT+CESQ raw=\r\n+CESQ: 289,0,0,0,0,0\r\nOK\r\n", signal, "0 2 33 -7 7 -7 -7", wire},
         {"creg=2 cgreg=2 cereg=2", signal, none, wire, no_service},
         {"at AT+CPSI? error=ERROR", signal, none, wire,
          refused + "get_network_type: Send AT+CPSI? faild\n" + no_service},

@@ -143,6 +143,7 @@ TEST_F(Voice, AnswersAndEnds) {
         {calls({{0, 1}}), end_2, "-1", "ril 9", over},
         {active + " | at * error=NO CARRIER\r\nERROR", end_2, "-1", ended, refused + not_ended},
         {"ril * status=1", end_2, "-1", "ril 9", no_list + "Tavrik_VoiceCall_End" + no_calls},
+        {active + " | at * drop=true", end_2, "-1", ended, "Tavrik_AT_Send: time out\n" + not_ended},
     });
     refuse({{"Tavrik_VoiceCall_Answer" + null, [] { return Tavrik_VoiceCall_Answer(0); }},
             {"Tavrik_VoiceCall_End" + null, [] { return Tavrik_VoiceCall_End(-1); }}});
