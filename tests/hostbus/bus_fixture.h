@@ -33,7 +33,7 @@ inline int64_t now_ms() {
 }
 template <class Done>
 bool wait_until(Done done) {
-    for (const int64_t end = now_ms() + ceiling_ms; !done(); usleep(1000))
+    for (const int64_t end = now_ms() + ceiling_ms; !done(); usleep(100))
         if (now_ms() > end)
             return false;
     return true;
@@ -275,45 +275,54 @@ inline uint32_t id_of(Node &asker, const std::string &name) {
     return id;
 }
 
-using Words = std::array<std::string, 3>;
-inline int invoke(Node &n, const Words &w, int limit_ms) {
-    const uint32_t id = id_of(n, w[0]);
-    return ubus_invoke(&n, id, w[1].c_str(), w[2].empty() ? nullptr : message(w[2]), on_data, nullptr, limit_ms);
+using Text = const std::string &;
+// Calls "object.method".
+inline int invoke(Node &n, Text what, Text json, int limit_ms) {
+    const size_t dot = what.find('.');
+    blob_attr *const msg = json.empty() ? nullptr : message(json);
+    return ubus_invoke(&n, id_of(n, what.substr(0, dot)), &what[dot + 1], msg, on_data, nullptr, limit_ms);
 }
-inline const std::map<std::string, int (*)(Node &, const Words &)> verbs = {
-    {"add", [](Node &n, const Words &w) { return ubus_add_object(&n, &object(n, w[0])); }},
-    {"remove", [](Node &n, const Words &w) { return ubus_remove_object(&n, &n.objects[w[0]]); }},
+inline const std::map<std::string, int (*)(Node &, Text, Text)> verbs = {
+    {"add", [](Node &n, Text what, Text) { return ubus_add_object(&n, &object(n, what)); }},
+    {"remove", [](Node &n, Text what, Text) { return ubus_remove_object(&n, &n.objects[what]); }},
     {"lookup",
-     [](Node &n, const Words &w) {
+     [](Node &n, Text what, Text) {
          const auto found = [](ubus_context *ctx, ubus_object_data *o, void *) { note(ctx, o->path); };
-         return ubus_lookup(&n, w[0] == "-" ? nullptr : w[0].c_str(), found, nullptr);
+         return ubus_lookup(&n, what.empty() ? nullptr : what.c_str(), found, nullptr);
      }},
-    {"call", [](Node &n, const Words &w) { return call(&n, n.req, id_of(n, w[0]), w[1].c_str(), message(w[2])); }},
-    {"invoke", [](Node &n, const Words &w) { return invoke(n, w, ceiling_ms); }},
-    {"briefly", [](Node &n, const Words &w) { return invoke(n, w, 100); }},
-    {"listen", [](Node &n, const Words &w) { return ubus_register_event_handler(&n, &n.events, w[0].c_str()); }},
-    {"send", [](Node &n, const Words &w) { return ubus_send_event(&n, w[0].c_str(), message(w[1])); }},
-    {"register", [](Node &n, const Words &) { return ubus_register_subscriber(&n, &n.subscriber); }},
-    {"subscribe", [](Node &n, const Words &w) { return ubus_subscribe(&n, &n.subscriber, id_of(n, w[0])); }},
-    {"unsubscribe", [](Node &n, const Words &w) { return ubus_unsubscribe(&n, &n.subscriber, id_of(n, w[0])); }},
-    {"tell", [](Node &n, const Words &w) { return ubus_notify(&n, &n.objects[w[0]], "news", message(w[1]), -1); }},
-    {"notify", [](Node &n, const Words &w) { return ubus_notify(&n, &n.objects[w[0]], "news", message(w[1]), 50); }},
+    {"invoke", [](Node &n, Text what, Text json) { return invoke(n, what, json, ceiling_ms); }},
+    {"briefly", [](Node &n, Text what, Text json) { return invoke(n, what, json, 300); }},
+    {"call",
+     [](Node &n, Text what, Text json) {
+         const size_t dot = what.find('.');
+         return call(&n, n.req, id_of(n, what.substr(0, dot)), &what[dot + 1], message(json));
+     }},
+    {"listen", [](Node &n, Text what, Text) { return ubus_register_event_handler(&n, &n.events, what.c_str()); }},
+    {"send", [](Node &n, Text what, Text json) { return ubus_send_event(&n, what.c_str(), message(json)); }},
+    {"register", [](Node &n, Text, Text) { return ubus_register_subscriber(&n, &n.subscriber); }},
+    {"subscribe", [](Node &n, Text what, Text) { return ubus_subscribe(&n, &n.subscriber, id_of(n, what)); }},
+    {"unsubscribe", [](Node &n, Text what, Text) { return ubus_unsubscribe(&n, &n.subscriber, id_of(n, what)); }},
+    {"tell",
+     [](Node &n, Text what, Text json) { return ubus_notify(&n, &n.objects[what], "news", message(json), -1); }},
+    {"notify",
+     [](Node &n, Text what, Text json) { return ubus_notify(&n, &n.objects[what], "news", message(json), 50); }},
     {"poll",
-     [](Node &n, const Words &w) {
-         const int status = ubus_notify_async(&n, &n.objects[w[0]], "news", message(w[1]), &n.notice);
+     [](Node &n, Text what, Text json) {
+         const int status = ubus_notify_async(&n, &n.objects[what], "news", message(json), &n.notice);
          n.notice.data_cb = [](ubus_notify_request *r, int, blob_attr *msg) { on_data(&r->req, 0, msg); };
          n.notice.status_cb = [](ubus_notify_request *r, int i, int s) { on_complete(&r->req, i * 100 + s); };
          n.notice.complete_cb = [](ubus_notify_request *r, int, int s) { on_complete(&r->req, s); };
          ubus_complete_request_async(&n, &n.notice.req);
          return status;
      }},
-    {"monitor", [](Node &n, const Words &w) { return __ubus_monitor(&n, w[0].c_str()); }},
-    {"acl", [](Node &n, const Words &) { return ubus_register_acl(&n); }},
-    {"reconnect", [](Node &n, const Words &w) { return ubus_reconnect(&n, w[0].c_str()); }},
-    {"leave", [](Node &n, const Words &) { return ubus_shutdown(&n), n.lost = true, 0; }},
+    {"monitor", [](Node &n, Text what, Text) { return __ubus_monitor(&n, what.c_str()); }},
+    {"acl", [](Node &n, Text, Text) { return ubus_register_acl(&n); }},
+    {"reconnect", [](Node &n, Text what, Text) { return ubus_reconnect(&n, what.c_str()); }},
+    {"leave", [](Node &n, Text, Text) { return ubus_shutdown(&n), n.lost = true, 0; }},
 };
 
-// What a node does, and the status of that; before it what callbacks saw until then, after it what all saw later.
+// What a node does, perhaps with several things in turn and a message, and the statuses of that; before them what
+// callbacks saw until then, after them what all saw later.
 using Step = std::pair<std::string, std::string>;
 
 class HostBus : public ::testing::Test {
@@ -378,11 +387,16 @@ class HostBus : public ::testing::Test {
     void run(const std::vector<Step> &steps) {
         for (const auto &[action, expected] : steps) {
             char name;
-            std::string verb, got;
-            Words words;
-            std::istringstream(action) >> name >> verb >> words[0] >> words[1] >> words[2];
+            std::string verb, word, json, status, got;
+            std::vector<std::string> things;
+            std::istringstream words(action);
+            for (words >> name >> verb; words >> word;)
+                (word[0] == '{' ? json : things.emplace_back()) = word;
+            if (things.empty())
+                things.emplace_back();
             trail.clear();
-            const std::string status = std::to_string(verbs.at(verb)(node(name), words));
+            for (Text thing : things)
+                status += (status.empty() ? "" : " ") + std::to_string(verbs.at(verb)(node(name), thing, json));
             const auto returned = static_cast<ssize_t>(trail.size());
             settle();
             pump(static_cast<size_t>(std::count(expected.begin(), expected.end(), ';')));

@@ -71,28 +71,26 @@ TEST_F(HostBus, RefusesWhatIsWrong) {
         int type, status;
         size_t before; // it
         std::vector<Body> requests;
-    } const rows[] = {
-        {UBUS_MSG_HELLO, 1, 0, {{}}},
-        {UBUS_MSG_MONITOR, 1, 0, {{}}},
-        {12, 1, 0, {{}}},
-        {200, 1, 0, {{}}},
-        {UBUS_MSG_REMOVE_OBJECT, 2, 0, {{}, Body().put(UBUS_ATTR_OBJID, "abc"), cut_short}},
-        {UBUS_MSG_REMOVE_OBJECT, 4, 0, {ids(none)}},
-        {UBUS_MSG_REMOVE_OBJECT, 6, 0, {ids(theirs), ids(2)}},
-        {UBUS_MSG_INVOKE, 2, 0, {ids(theirs), method(0)}},
-        {UBUS_MSG_INVOKE, 4, 0, {listen(none, "x")}},
-        {UBUS_MSG_INVOKE, 6, 0, {listen(theirs, "x"), listen(7, "x"), listen(mine, "")}},
-        {UBUS_MSG_SUBSCRIBE, 2, 0, {ids(mine), ids(theirs, target)}},
-        {UBUS_MSG_SUBSCRIBE, 4, 0, {ids(none, theirs)}},
-        {UBUS_MSG_NOTIFY, 2, 0, {ids(target)}},
-        {UBUS_MSG_NOTIFY, 4, 0, {method(none)}},
-        {UBUS_MSG_NOTIFY, 6, 0, {method(theirs).put_u8(UBUS_ATTR_NO_REPLY, 1)}},
-        {UBUS_MSG_ADD_OBJECT, 0, 1, {path_of("typeless")}},
-        {UBUS_MSG_LOOKUP, 0, 0, {path_of("typeless")}},
-        {UBUS_MSG_LOOKUP, 0, 1, {path_of("no").put_string(UBUS_ATTR_OBJPATH, "target")}},
-        {UBUS_MSG_LOOKUP, 0, 2, {{}, Body().put(UBUS_ATTR_OBJPATH, "open")}},
-        {UBUS_MSG_LOOKUP, 2, 0, {path_of("")}},
-    };
+    } const rows[] = {{UBUS_MSG_HELLO, 1, 0, {{}}},
+                      {UBUS_MSG_MONITOR, 1, 0, {{}}},
+                      {12, 1, 0, {{}}},
+                      {200, 1, 0, {{}}},
+                      {UBUS_MSG_REMOVE_OBJECT, 2, 0, {{}, Body().put(UBUS_ATTR_OBJID, "abc"), cut_short}},
+                      {UBUS_MSG_REMOVE_OBJECT, 4, 0, {ids(none)}},
+                      {UBUS_MSG_REMOVE_OBJECT, 6, 0, {ids(theirs), ids(2)}},
+                      {UBUS_MSG_INVOKE, 2, 0, {ids(theirs), method(0)}},
+                      {UBUS_MSG_INVOKE, 4, 0, {listen(none, "x")}},
+                      {UBUS_MSG_INVOKE, 6, 0, {listen(theirs, "x"), listen(7, "x"), listen(mine, "")}},
+                      {UBUS_MSG_SUBSCRIBE, 2, 0, {ids(mine), ids(theirs, target)}},
+                      {UBUS_MSG_SUBSCRIBE, 4, 0, {ids(none, theirs)}},
+                      {UBUS_MSG_NOTIFY, 2, 0, {ids(target)}},
+                      {UBUS_MSG_NOTIFY, 4, 0, {method(none)}},
+                      {UBUS_MSG_NOTIFY, 6, 0, {method(theirs).put_u8(UBUS_ATTR_NO_REPLY, 1)}},
+                      {UBUS_MSG_ADD_OBJECT, 0, 1, {path_of("typeless")}},
+                      {UBUS_MSG_LOOKUP, 0, 0, {path_of("typeless")}},
+                      {UBUS_MSG_LOOKUP, 0, 1, {path_of("no").put_string(UBUS_ATTR_OBJPATH, "target")}},
+                      {UBUS_MSG_LOOKUP, 0, 2, {{}, Body().put(UBUS_ATTR_OBJPATH, "open")}},
+                      {UBUS_MSG_LOOKUP, 2, 0, {path_of("")}}};
     for (const auto &row : rows)
         for (const Body &request : row.requests) {
             EXPECT_EQ(me.ask(row.type, request), row.status) << "type " << row.type << " " << hex(request.bytes());

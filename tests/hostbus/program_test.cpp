@@ -49,8 +49,7 @@ TEST_F(Program, SeesTheBus) {
         {"monitor", "Command failed: Permission denied\n6", guest},
         {"list", "Failed to connect to ubus\n255", "setpriv --reuid=54321 --regid=nogroup --clear-groups "},
         {"-S -t 1 call service remove", "7"},
-        {"-S -t 1 call service silent", "4"},
-    };
+        {"-S -t 1 call service silent", "4"}};
     for (const auto &[arguments, output, as_whom] : rows)
         EXPECT_EQ(ubus(arguments, as_whom), root || as_whom.empty() ? output : "126") << arguments;
     start_service();
@@ -67,19 +66,17 @@ TEST_F(Program, WaitsAndWatches) {
                       output = folder + "/output";
     struct {
         std::string arguments, verb, what, expected;
-    } const rows[] = {
-        {"listen 'foo.*'", "send", "foo.bar", "{ \"foo.bar\": {\"n\":1} }\n"},
-        {"subscribe demo", "tell", "demo", "{ \"news\": {\"n\":1} }\n"},
-        {"monitor", "send", "foo.bar",
-         R"(data":{"id":"foo.bar","data":{"n":1}}})"
-         "\n-> " +
-             client},
-    };
+    } const rows[] = {{"listen 'foo.*'", "send", "foo.bar", "{ \"foo.bar\": {\"n\":1} }\n"},
+                      {"subscribe demo", "tell", "demo", "{ \"news\": {\"n\":1} }\n"},
+                      {"monitor", "send", "foo.bar",
+                       R"(data":{"id":"foo.bar","data":{"n":1}}})"
+                       "\n-> " +
+                           client}};
     for (const auto &row : rows) {
         const std::string line = "exec stdbuf -oL " + command(row.arguments) + " > " + output;
         Child watcher([&] { return execl("/bin/sh", "sh", "-c", line.c_str(), nullptr); });
         EXPECT_TRUE(wait_until([&] {
-            verbs.at(row.verb)(a, {row.what, fields});
+            verbs.at(row.verb)(a, row.what, fields);
             return read_file(output).find(row.expected) != std::string::npos;
         })) << read_file(output);
     }
