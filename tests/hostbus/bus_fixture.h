@@ -257,7 +257,8 @@ inline Node &connect_node(char name, const std::string &path) {
     };
     n.subscriber.cb = [](ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *method, blob_attr *msg) {
         note(ctx, method + (" " + text(msg)));
-        ubus_send_reply(ctx, req, message(R"({"n":1})"));
+        if (blob_len(msg) == 0)
+            ubus_send_reply(ctx, req, message(R"({"n":1})"));
         return 6;
     };
     n.subscriber.remove_cb = [](ubus_context *ctx, ubus_subscriber *, uint32_t) { note(ctx, "gone"); };
