@@ -385,10 +385,17 @@ class HostBus : public ::testing::Test {
                 if (!n.lost)
                     id_of(n, "nothing");
     }
+    // What was seen since the last time.
+    static std::string seen() {
+        std::string all;
+        for (const std::string &entry : std::exchange(trail, {}))
+            all += (all.empty() ? "" : "; ") + entry;
+        return all;
+    }
     void run(const std::vector<Step> &steps) {
         for (const auto &[action, expected] : steps) {
             char name;
-            std::string verb, word, json, status, got;
+            std::string verb, word, json, status;
             std::vector<std::string> things;
             std::istringstream words(action);
             for (words >> name >> verb; words >> word;)
@@ -404,9 +411,7 @@ class HostBus : public ::testing::Test {
             settle();
             std::stable_sort(trail.begin() + returned, trail.end(), [](auto &a, auto &b) { return a[0] < b[0]; });
             trail.insert(trail.begin() + returned, status);
-            for (const std::string &entry : trail)
-                got += (got.empty() ? "" : "; ") + entry;
-            EXPECT_EQ(got, expected) << action;
+            EXPECT_EQ(seen(), expected) << action;
         }
     }
     std::string folder = std::filesystem::temp_directory_path() / "hostbus-XXXXXX", path;
