@@ -83,19 +83,19 @@ class Module : public testing::Test {
             if (who == "sh") {
                 const Ran ran = shell("exec 2>&1; export LC_ALL=C; " + what);
                 const std::string text = std::regex_replace(ran.output, std::regex("^\\s+|\\s+$"), "");
-                EXPECT_EQ(std::regex_replace(text, std::regex("\\s+"), " "), wanted);
+                ASSERT_EQ(std::regex_replace(text, std::regex("\\s+"), " "), wanted);
             } else if (who == "sim") {
                 const size_t verb = std::min(what.find(' '), what.size());
                 const std::string arguments = verb == what.size() ? "{}" : what.substr(verb);
                 const std::string reply = Wire(control).ask(
                     R"({"verb": ")" + what.substr(0, verb) + R"(", "args": )" + arguments + "}\n", "{");
-                EXPECT_NE(reply.find(step[4].matched ? wanted : "{\"result\":"), std::string::npos) << reply;
+                ASSERT_NE(reply.find(step[4].matched ? wanted : "{\"result\":"), std::string::npos) << reply;
             } else if (!who.empty()) {
                 const auto [wire, opened] = wires.try_emplace(who + step[2].str(), paths.at(who));
                 if (opened && who == "atind")
                     sim::call("wait", {{"kind", "connect"}, {"text", who}, {"count", ++listeners}});
                 const std::string got = wire->second.ask(std::regex_replace(what, std::regex("\\|"), "\r\n"), wanted);
-                EXPECT_EQ(step[5].matched ? got.substr(0, wanted.size()) : got.substr(0, 1000), wanted);
+                ASSERT_EQ(step[5].matched ? got.substr(0, wanted.size()) : got.substr(0, 1000), wanted);
             }
         }
     }
@@ -250,9 +250,9 @@ sim nmea {"text": "$GNRMC\r\n"}
 tty => $GN\d2MC\0d\8a
 sim clear
 sh printf '$GNRMC,1\n$GNGSA\n$GNRMC,2\n$GNRMC,3\n' >/tmp/track
-sim gnss {"track": "/tmp/track", "hz": 1, "loop": true, "play": true}
+sim gnss {"track": "/tmp/track", "hz": 1, "loop": true, "play": true} => "epochs":3,
 sim fault {"service": "gnss", "burst": 4}
-sim advance {"ms": 10000}
+sim advance {"ms": 10000} => {"now":10
 tty => $GNRMC,1|$GNGSA|$GNRMC,2|$GNRMC,3|$GNRMC,1|$GNGSA|...
 tty $RESET,1|rest =>
 sim wait {"kind": "ttyS3", "text": "rest"}

@@ -37,17 +37,14 @@ monitor --json ecall watch --count 4
 expect 0 '' ecall start --auto --msd 01abFF
 expect 1 '' ecall start --manual --msd ''
 sim advance '{"ms": 701000}'
-expect 0 '' ecall push
-expect 0 '' ecall update --msd 02
-expect 0 '' ecall end
+each 0 'ecall push' 'ecall update --msd 02' 'ecall end'
 ended 0 '{"event":"ecall","value":1,"text":"dialling"}
 {"event":"ecall","value":2,"text":"connected"}
 {"event":"ecall","value":3,"text":"sending MSD"}
 {"event":"ecall","value":-1,"text":"16"}'
 expect 0 '{"cause":16,"text":"16 Normal call clearing"}' --json ecall cause
 number=12345678901234567890123456789012
-expect 0 '' ecall start --test --number $number --msd 00
-expect 0 '' ecall network off
+each 0 "ecall start --test --number $number --msd 00" 'ecall network off'
 expect 0 '' ecall config --smsnum 4294967295 --dial 1 --sms 2 --redialtmr 3 --smsmsdcnt 4 --redialcnt 5 --t10 6 --t9 7 \
   --t7 8 --t6 9 --t5 65535 --t2 11 --mode ERA --ecallonly on
 sent 'AT*ECALLMSD="01ABFF"' AT+CECALL=3 'AT*ECALLMSD=""' AT+CECALL=2 'AT*ECALLPUSH' 'AT*ECALLMSD="02"' AT+CECALL=5 \

@@ -6,9 +6,8 @@ each 1 'data profile get 0' 'data profile delete 0' "data profile set 1 --apn $(
 each 2 'data profile get' 'data profile list 0'
 expect 0 '' data profile set 15 --apn other --type ipv4v6 --auth 2 --user me --password secret
 expect 0 '{"profile":15,"type":"ipv4v6","apn":"other","user":"me","password":"secret","auth":2}' --json data profile get 15
-expect 0 '' data profile set 15 --apn other
+each 0 'data profile set 15 --apn other' 'data profile set 0 --apn internet --type ipv4v6'
 expect 0 $'Profile: 15\nType: ipv4\nAPN: other\nAuthentication: 0' data profile get 15
-expect 0 '' data profile set 0 --apn internet --type ipv4v6
 expect 0 $'0 ipv4v6 internet\n15 ipv4 other' data profile list
 expect 0 '' data profile delete 15
 expect 0 '{"profiles":[{"profile":0,"type":"ipv4v6","apn":"internet"}]}' --json data profile list
