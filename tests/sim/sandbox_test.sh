@@ -141,7 +141,7 @@ done
 eventually test ! -e "$XDG_RUNTIME_DIR/tavrik-sim"
 
 # Job control in the shell on a terminal. The job has the terminal before it writes, so it is the one that stops.
-feed() { eventually grep -q "$1" "$work/tty" && printf '%b' "$2"; }
+feed() { eventually grep -qs "$1" "$work/tty" && printf '%b' "$2"; }
 {
   printf 'sh -c "echo rea""dy; exec sleep 600"\n'
   feed ready '\x1a'
