@@ -1,14 +1,8 @@
 #!/bin/sh
 # The example tells each step of the test call, and hangs up once the data have arrived.
 #   ecall.sh PROGRAM [ARGUMENT]...
-set -eu
-"$@" +49301 2>/dev/null | diff - /dev/fd/3 3<<END
-Event: dialling
-Event: connected
-Event: sending MSD
-Event: MSD acknowledged
-Event: ended, cause 16
-END
+[ "$("$@" +49301 2>/dev/null | sed -n 's/^Event: //p' | paste -sd ';')" = \
+  'dialling;connected;sending MSD;MSD acknowledged;ended, cause 16' ]
 [ "$(tavrik-sim call --print /state/ecall_number state)" = +49301 ]
 [ "$(tavrik-sim call --print /state/ecall_msd state)" = 022A01049C5D1B ]
 

@@ -1,13 +1,10 @@
 #!/bin/sh
 # The example prints the numbers of a card that is ready, and the state of one that is not.
 #   sim_card.sh PROGRAM [ARGUMENT]...
-set -eu
-"$@" | diff - /dev/fd/3 3<<END
-SIM card: ready
+[ "$("$@")" = 'SIM card: ready
 ICCID:    89882010000000000014
 IMSI:     001010123456789
-Number:   +12025550123
-END
+Number:   +12025550123' ]
 tavrik-sim call rules '{"add": [{"command": "AT+CPIN?", "lines": ["+CPIN: SIM PIN"]}]}' >/dev/null
 if state=$("$@"); then exit 1; fi
 [ "$state" = 'SIM card: waits for its PIN' ]

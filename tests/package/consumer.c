@@ -2,7 +2,6 @@
 #define TAVRIK_NO_SHORT_NAMES
 #include <tavrik_sdk.h>
 
-#include <stdio.h>
 #include <string.h>
 
 int at_tok_start(char **cursor);
@@ -12,10 +11,8 @@ int at_tok_start(char **cursor) {
 
 int main(int argc, char **argv) {
     char *line = NULL;
-    if (argc != 2 || strcmp(argv[1], TAVRIK_SDK_VERSION) != 0) {
-        fprintf(stderr, "the header is of version %s\n", TAVRIK_SDK_VERSION);
+    if (argc != 2 || strcmp(argv[1], TAVRIK_SDK_VERSION) != 0)
         return 1;
-    }
     if (at_tok_start(&line) != 77 || Tavrik_Switch_Log_Mode(TAVRIK_LOG_SYSLOG) != 0)
         return 2;
     return Tavrik_Get_Log_Mode() == TAVRIK_LOG_SYSLOG && Tavrik_Switch_Log_Mode(4) == -1 ? 0 : 3;

@@ -27,10 +27,8 @@ cc -E "$header" | awk -v header="$header" '
 [ -s "$work/declared" ]
 diff "$work/declared" "$work/exported" || { echo "< declared, > exported" && exit 1; }
 
-if nm -D --undefined-only "$library" | awk '{print $NF}' | grep -E '^_Z|^__gxx|^__cxa_|CXXABI|^_Unwind' | grep -v '^__cxa_finalize'; then
-  echo "of the C++ runtime"
-  exit 1
-fi
+! nm -D --undefined-only "$library" | awk '{print $NF}' | grep -v '^__cxa_finalize' |
+  grep -E '^_Z|^__gxx|^__cxa_|CXXABI|^_Unwind' || { echo "^ of the C++ runtime" && exit 1; }
 
 readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort >"$work/needed"
 printf '%s\n' libc.so.6 libubox.so libuci.so "$bus" | sort | diff - "$work/needed" || { echo "< wanted, > needed" && exit 1; }

@@ -7,10 +7,10 @@ export LD_LIBRARY_PATH="${5:-}" # of a bus library that lies where neither linke
 prefix=$work/prefix
 
 rm -rf "$work"
-mkdir -p "$work"
+mkdir -p "$work/cpp"
 cmake --install "$build" --prefix "$prefix" >"$work/install.log"
 
-echo "-- C99, pkg-config"
+# C99, pkg-config.
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name tavriksdk.pc)")
 export PKG_CONFIG_PATH
 [ "$(pkg-config --modversion tavriksdk)" = "$version" ]
@@ -18,8 +18,7 @@ export PKG_CONFIG_PATH
 cc -std=c99 -Wall -Wextra -Wpedantic -Werror "$sources/consumer.c" -o "$work/consumer" $(pkg-config --cflags --libs tavriksdk)
 LD_LIBRARY_PATH=${LD_LIBRARY_PATH:+$LD_LIBRARY_PATH:}$(pkg-config --variable=libdir tavriksdk) "$work/consumer" "$version"
 
-echo "-- C++17, find_package"
-mkdir "$work/cpp"
+# C++17, find_package.
 cp "$sources/consumer.c" "$work/cpp/consumer.cpp"
 cat >"$work/cpp/CMakeLists.txt" <<END
 cmake_minimum_required(VERSION 3.22)
@@ -33,23 +32,23 @@ cmake -S "$work/cpp" -B "$work/cpp/build" -G Ninja "-DCMAKE_PREFIX_PATH=$prefix"
 cmake --build "$work/cpp/build" >>"$work/cpp/log"
 "$work/cpp/build/consumer" "$version"
 
-echo "-- nothing installed leads back to the sources or the build"
+# Nothing installed leads back to the sources or the build.
 for file in "$prefix"/bin/* "$(find "$prefix" -name 'libtavriksdk.so.*.*')"; do
-  if readelf -d "$file" | grep -E 'RUNPATH|RPATH' | grep -F "$(dirname "$build")"; then exit 1; fi
-  if ldd "$file" | grep 'not found'; then exit 1; fi
+  ! readelf -d "$file" | grep -E 'RUNPATH|RPATH' | grep -F "$(dirname "$build")" || exit 1
+  ! ldd "$file" | grep 'not found' || exit 1
 done
 
-echo "-- tavrikctl and what comes with it"
+# tavrikctl and what comes with it.
 [ "$("$prefix/bin/tavrikctl" --version)" = "tavrikctl $version" ]
 grep -q '^\.SH SYNOPSIS' "$prefix/share/man/man1/tavrikctl.1"
 bash -c '. "$0" && COMP_WORDS=(tavrikctl --log 0 dm mode o) COMP_CWORD=5 && _tavrikctl && [ "${COMPREPLY[*]}" = "online offline" ]' \
   "$prefix/share/bash-completion/completions/tavrikctl"
 
 if command -v dpkg-shlibdeps >/dev/null; then
-  echo "-- Debian package"
+  # Debian package.
   cpack -B "$work/deb" --config "$build/CPackConfig.cmake" >"$work/cpack.log"
   dpkg-deb -x "$work"/deb/*.deb "$work/root"
   [ "$("$work/root/usr/bin/tavrikctl" --version)" = "tavrikctl $version" ]
   dpkg-deb -f "$work"/deb/*.deb Depends | grep -q 'libc6 .*libstdc++6 '
-  if dpkg-deb -f "$work"/deb/*.deb Depends | grep -E 'libubox|libubus'; then exit 1; fi
+  ! dpkg-deb -f "$work"/deb/*.deb Depends | grep -E 'libubox|libubus' || exit 1
 fi

@@ -1,16 +1,13 @@
 #!/usr/bin/env python3
-"""HTTP and HTTPS servers on the loopback interface, for tests of what a client makes of their answers.
-
-  http_servers.py FOLDER
-
-Makes certificates in FOLDER, ca.pem that of the authority, then prints a line NAME PORT for each server and one more,
-"ready 0", and serves until it is killed, as the end of a sandbox does. Request lines are written to FOLDER/requests.
-
-  http    answers a path with the status that it names (/404), or as a function below does
-  mute    takes connections and says nothing
-  https, wrong_host, expired, stranger   as http, the last with a certificate that the authority did not sign
-"""
+# HTTP and HTTPS servers on the loopback interface, for tests of what a client makes of their answers.
+#   http_servers.py FOLDER
+# Makes certificates in FOLDER, ca.pem that of the authority, then prints a line NAME PORT for each server and one more,
+# "ready 0", and serves until it is killed, as the end of a sandbox does. Request lines are written to FOLDER/requests.
+#   http    answers a path with the status that it names (/404), or as a function below does
+#   mute    takes connections and says nothing
+#   https, wrong_host, expired, stranger   as http, the last with a certificate that the authority did not sign
 import http.server
+import os
 import socket
 import ssl
 import struct
@@ -19,11 +16,9 @@ import sys
 import threading
 import time
 
-folder = sys.argv[1]
-
 
 def openssl(*arguments):
-    subprocess.run(["openssl", *arguments], cwd=folder, check=True, stderr=subprocess.DEVNULL)
+    subprocess.run(["openssl", *arguments], check=True, stderr=subprocess.DEVNULL)
 
 
 def request(name, *options):
@@ -32,35 +27,31 @@ def request(name, *options):
 
 
 def signed(name, days, names):
-    request(name, "-out", name + ".csr")
-    with open(f"{folder}/{name}.ext", "w", encoding="ascii") as extensions:
-        extensions.write(f"subjectAltName={names}\n")
+    request(name, "-out", name + ".csr", "-addext", "subjectAltName=" + names)
     openssl("x509", "-req", "-in", name + ".csr", "-CA", "ca.pem", "-CAkey", "ca.key", "-CAcreateserial", "-days", days,
-            "-extfile", name + ".ext", "-out", name + ".pem")
+            "-copy_extensions", "copyall", "-out", name + ".pem")
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
 
     def do_HEAD(self):
-        path = self.path[1:]
-        if path.isdigit():
-            self.send_response(int(path))
-            self.send_header("Location", "/200")
-            self.end_headers()
-        else:
-            getattr(self, path)()
+        print(self.requestline, file=requests, flush=True)
+        getattr(self, self.path[1:], self.answer)()
 
     do_GET = do_HEAD
 
+    def answer(self):
+        self.send_response(int(self.path[1:]) if self.path[1:].isdigit() else 200)
+        self.send_header("Location", "/200")
+        self.end_headers()
+
     def slow(self):
         time.sleep(2)
-        self.path = "/200"
-        self.do_HEAD()
+        self.answer()
 
     def body(self):  # though none was asked for
-        self.path = "/200"
-        self.do_HEAD()
+        self.answer()
         self.wfile.write(b"body" * 10000)
 
     def reset(self):
@@ -81,41 +72,28 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.wfile.write(b"x")
             time.sleep(0.5)
 
-    def log_request(self, *_):
-        pass
-
     def log_message(self, *_):
         pass
 
-    def parse_request(self):
-        parsed = super().parse_request()
-        if parsed:
-            with open(f"{folder}/requests", "a", encoding="ascii") as requests:
-                requests.write(self.requestline + "\n")
-        return parsed
-
-
-class Server(http.server.ThreadingHTTPServer):
-    def handle_error(self, *_):
-        pass  # clients go as they like
-
 
 def serve(name, secure=True):
-    server = Server(("127.0.0.1", 0), Handler)
+    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+    server.handle_error = lambda *_: None  # clients go as they like
     if secure:
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        context.load_cert_chain(f"{folder}/{name}.pem", f"{folder}/{name}.key")
+        context.load_cert_chain(name + ".pem", name + ".key")
         server.socket = context.wrap_socket(server.socket, server_side=True, do_handshake_on_connect=False)
     threading.Thread(target=server.serve_forever, daemon=True).start()
     print(name, server.server_address[1])
 
 
+os.chdir(sys.argv[1])
 request("ca", "-x509", "-days", "2", "-out", "ca.pem")
 signed("https", "2", "IP:127.0.0.1,DNS:localhost")
 signed("wrong_host", "2", "DNS:elsewhere.invalid")
 signed("expired", "-1", "IP:127.0.0.1")
 request("stranger", "-x509", "-days", "2", "-out", "stranger.pem", "-addext", "subjectAltName=IP:127.0.0.1")
-open(f"{folder}/requests", "wb").close()
+requests = open("requests", "w", encoding="ascii")
 serve("http", secure=False)
 for secure in ("https", "wrong_host", "expired", "stranger"):
     serve(secure)

@@ -4,7 +4,7 @@
 #   here: the folder of this file
 servers=$(mktemp -d)
 python3 "$here/http_servers.py" "$servers" >"$servers/ports" 2>/dev/null </dev/null &
-until grep -q '^ready' "$servers/ports"; do sleep 0.05; done
+until grep -qs '^ready' "$servers/ports"; do sleep 0.05; done
 while read -r name port; do
   eval "$name=$port"
 done <"$servers/ports"

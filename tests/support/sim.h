@@ -64,16 +64,6 @@ std::string log_of(Run run) {
     return std::regex_replace(log, std::regex("(^|\n)err "), "$1");
 }
 
-inline std::string hex(const std::string &bytes) {
-    std::string text;
-    char pair[3];
-    for (const unsigned char byte : bytes) {
-        snprintf(pair, sizeof pair, "%02x", byte);
-        text += pair;
-    }
-    return text;
-}
-
 // What the record holds of a kind, in order; it is forgotten then.
 inline std::vector<std::string> recorded(const char *kind) {
     std::vector<std::string> texts;
