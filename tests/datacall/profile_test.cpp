@@ -222,10 +222,12 @@ TEST_F(Profile, WaitsFiveSecondsForTheLock) {
 // Beside applications that set elements in contexts of their own: libuci allows one thread at a time.
 TEST_F(Profile, IsSetByManyThreads) {
     Tavrik_Switch_Log_Mode(TAVRIK_LOG_SYSLOG);
+    uci_context *contexts[8];
+    for (uci_context *&own : contexts)
+        own = uci_alloc_context();
     std::vector<std::future<void>> threads;
     for (uint8_t index = 0; index < 8; index++)
-        threads.push_back(std::async(std::launch::async, [index] {
-            uci_context *const own = uci_alloc_context();
+        threads.push_back(std::async(std::launch::async, [index, own = contexts[index]] {
             for (char round = 'a'; round < 'z'; round++) {
                 const Tavrik_DataProfile given = {index, 1, {round}, 2, "u", "p"};
                 EXPECT_EQ(Tavrik_DataCall_SetProfile(&given), 0);
@@ -233,9 +235,10 @@ TEST_F(Profile, IsSetByManyThreads) {
                 for (int i = 0; i < 40; i++)
                     EXPECT_EQ(set_uci_element(own, "network", "lan", "proto", given.apn), 0);
             }
-            uci_free_context(own);
         }));
     threads.clear(); // which waits for them
+    for (uci_context *const own : contexts)
+        uci_free_context(own);
     EXPECT_EQ(shell("uci show data_profile | grep -c apn=.y").output, "8\n");
 }
 
