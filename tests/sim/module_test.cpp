@@ -113,7 +113,7 @@ at AT+S=0,"9"| => AT+S=0,"9"\0d|ERROR|
 at AT+S=x,"9";|ATE0| => AT+S=x,"9";\0d|ERROR|ATE0\0d|OK|
 atind
 at AT+CFUN?|AT+S=0,"9";|AT+CFUN?|AT+RAW| => |+CFUN: 1||OK|90|+CME ERROR: 3||+RAW|
-sim advance {"ms": 3600000} => {"now":36000
+sim advance {"ms": 3600000} => {"now":36
 sim state => "imei":"<9>"
 sim reset
 atind => |+CREG: 0||+CGREG: 0||+CEREG: 0||+9||+LATE|
@@ -252,7 +252,7 @@ sim clear
 sh printf '$GNRMC,1\n$GNGSA\n$GNRMC,2\n$GNRMC,3\n' >/tmp/track
 sim gnss {"track": "/tmp/track", "hz": 1, "loop": true, "play": true} => "epochs":3,
 sim fault {"service": "gnss", "burst": 4}
-sim advance {"ms": 10000} => {"now":10
+sim advance {"ms": 30000} => {"now":3
 tty => $GNRMC,1|$GNGSA|$GNRMC,2|$GNRMC,3|$GNRMC,1|$GNGSA|...
 tty $RESET,1|rest =>
 sim wait {"kind": "ttyS3", "text": "rest"}
