@@ -66,6 +66,12 @@ const Case kCases[] = {
 class Teardown : public Indication, public testing::WithParamInterface<Case> {
   protected:
     Teardown() : Indication(0) {}
+    // What was left behind may still close its descriptors, when the next case counts on there being none.
+    ~Teardown() override {
+        for (int i = 0; i < 2000 && entries_of("/proc/self/task") > threads_; i++)
+            usleep(10000);
+        EXPECT_LE(entries_of("/proc/self/task"), threads_);
+    }
     static std::string lines(const std::string &names) {
         static const char *const kCards[] = {"READY", "SIM PIN", "SIM PUK"};
         std::string text, name;
@@ -141,6 +147,7 @@ class Teardown : public Indication, public testing::WithParamInterface<Case> {
                      usleep(100);
              }},
         }};
+    const long threads_ = entries_of("/proc/self/task");
     std::thread thread_;
     uloop_timeout timer_ = {};
     int hold_[2];
